@@ -1,0 +1,71 @@
+// The records that travel through the reactor's queues and stand in its tables.
+#pragma once
+
+#include <Plinth/Mutex.h>
+#include <Ravelo/Defs.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace Veltro::Ravelo {
+
+class CNetHandler;
+
+/// Keys of queued records that are neither a descriptor (0 or more) nor a timer (below
+/// EVENT_KEY_TIMER_LIMIT).
+enum : std::int64_t {
+    EVENT_KEY_MESSAGE = -50,
+    EVENT_KEY_SERIAL_MESSAGE = -51,
+    EVENT_KEY_REACTOR_TOKEN = -75,
+    EVENT_KEY_SERIAL_TOKEN = -76,
+    EVENT_KEY_HEARTBEAT = -80,
+    EVENT_KEY_TIMER_LIMIT = -101
+};
+
+/// What every table entry begins with.
+struct SKeyedEntry {
+    std::int64_t key = 0;
+};
+
+/// What every queued record begins with.
+struct SQueueRecord : SKeyedEntry {
+    SQueueRecord* next = nullptr;  ///< queue, chain or free-list link
+};
+
+/// An entry of a pool's object table.
+struct SObjectEntry : SKeyedEntry {
+    CNetHandler* handler = nullptr;
+};
+
+struct SEvent;
+
+/// The time-out of a registered socket.
+struct SSockTimeout {
+    std::int32_t m_set_time = 0;  ///< the interval asked for, ms
+    std::int64_t m_time_out = 0;  ///< expiry on the time-out clock, ms; 0 while disarmed
+    SEvent* record = nullptr;     ///< the record this is part of
+    SSockTimeout* prev = nullptr;
+    SSockTimeout* next = nullptr;
+};
+
+/// One record for all queued work: a registered socket (key = its descriptor), a message, a token, a
+/// heartbeat. Comes from CEventPool and goes back to it; its memory stays a record while the library runs.
+struct SEvent : SQueueRecord {
+    Plinth::CMutex mutex;  ///< a socket record's fields; unused by the other kinds
+
+    // Messages.
+    std::int64_t sender = 0;
+    std::int64_t receiver = 0;
+    std::int64_t info = 0;
+    std::uint32_t type = 0;
+
+    // Sockets.
+    std::int64_t obj_id = 0;  ///< the owner
+    std::uint32_t m_event_mask = 0;
+    std::uint32_t m_revents = 0;  ///< 16 bits; 0 while idle, else what is being dispatched
+    SSockTimeout timer;
+    std::uint32_t generation = 0;  ///< changes with each arming of the descriptor in a multiplexer
+    std::uint32_t armed = 0;       ///< what the multiplexer waits for at present, its own bits
+};
+
+}  // namespace Veltro::Ravelo

@@ -1,0 +1,65 @@
+// The system's socket calls under one set of names; bodies in SocketApi_linux.cpp and SocketApi_win.cpp.
+#pragma once
+
+#include <Ravelo/Defs.h>
+
+#include <array>
+#include <cstdint>
+
+#include "Socket/SocketApi_system.h"
+
+namespace Veltro::Ravelo::SocketApi {
+
+/// Starts the system's socket layer; 0, or -1 after a line on standard error.
+int startup();
+/// Ends what startup() began.
+void cleanup();
+
+/// Creates a socket that child processes do not inherit and that raises no signal; -1 on failure.
+int create(int family, int type, int protocol);
+int close(int fd);
+int setNonBlocking(int fd, bool non_blocking);
+int bind(int fd, const sockaddr* addr, int length);
+int listen(int fd, int backlog);
+int connect(int fd, const sockaddr* addr, int length);
+/// The new socket, or -1. addr may be null; *length is its size in bytes, before and after.
+int accept(int fd, sockaddr* addr, int* length);
+int getSockName(int fd, sockaddr* addr, int* length);
+int getPeerName(int fd, sockaddr* addr, int* length);
+
+/// Each sends or receives once: bytes moved, or -1 with lastError(). Never raises SIGPIPE.
+int send(int fd, const char* data, unsigned length);
+int sendV(int fd, const iovec* elements, int count);
+int recv(int fd, char* buffer, unsigned length);
+
+/// An option whose value is an int; the result is the system's.
+int setOption(int fd, int level, int name, int value);
+int getOption(int fd, int level, int name, int* value);
+
+/// The calling thread's last socket error: errno, or WSAGetLastError().
+int lastError();
+void setLastError(int error);
+/// Would block, interrupted, or 11, the try-again code of other platforms.
+bool isTryAgain(int error);
+bool isInterrupted(int error);
+/// A non-blocking connect is under way.
+bool isConnecting(int error);
+bool isReset(int error);
+/// No descriptors or memory left for a new socket (accept must not be tried again at once).
+bool isOutOfDescriptors(int error);
+/// The number of "connection reset by peer" on this platform.
+int resetError();
+
+/// The system's text for a socket error, without an end of line; the number where the system knows no text.
+/// Use as errorText(error).data() within one expression.
+std::array<char, 512> errorText(int error);
+
+/// What waitOne() waits for and reports; bits.
+enum : unsigned { WAIT_READ = 1, WAIT_WRITE = 2, WAIT_EXCEPT = 4 };
+/// Waits on one socket, of any descriptor number, for at most timeout_us microseconds (negative counts as 0).
+/// @param ready receives the bits that are ready. Urgent data or, on Windows, a failed connect is an
+/// exception.
+/// @return 1 ready, 0 timed out, -1 failed with lastError(), also for a descriptor that is no socket.
+int waitOne(int fd, unsigned wanted, std::int64_t timeout_us, unsigned* ready);
+
+}  // namespace Veltro::Ravelo::SocketApi
