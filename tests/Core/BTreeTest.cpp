@@ -451,13 +451,13 @@ TEST(BTreeFind, UnderTheCallersLockHoldsTheMutexToo) {
     CBTree tree;
     SEvent record;
     record.key = 3;
-    tree.enterWrite();
-    EXPECT_EQ(tree.findLocked(3), nullptr);
-    ASSERT_TRUE(tree.insertLocked(&record));
-    ASSERT_EQ(tree.findSockLocked(3), &record);
-    EXPECT_EQ(tree.eraseLocked(3), &record);
-    tree.leaveWrite();
-
+    {
+        Plinth::CWriteGuard guard(tree.lock());
+        EXPECT_EQ(tree.findLocked(3), nullptr);
+        ASSERT_TRUE(tree.insertLocked(&record));
+        ASSERT_EQ(tree.findSockLocked(3), &record);
+        EXPECT_EQ(tree.eraseLocked(3), &record);
+    }
     EXPECT_FALSE(isFree(record));
     release(&record);
 }
