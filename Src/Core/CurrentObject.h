@@ -24,9 +24,10 @@ public:
     /// Set just before a callback and, with null, cleared just after. Only by the thread that entered.
     void set(CNetHandler* handler) { m_handler.store(handler, std::memory_order_relaxed); }
 
-    /// Calls the visitor for every entered thread, in the order of their ids. A handler is only fit for printing
-    /// its address: it may be gone. Any thread may call.
-    static void visit(const std::function<void(unsigned long thread_id, const CNetHandler* handler)>& visitor);
+    /// Calls the visitor for every entered thread, in the order of their ids. A handler is only fit for
+    /// printing its address: it may be gone. Any thread may call.
+    static void visit(
+        const std::function<void(unsigned long thread_id, const CNetHandler* handler)>& visitor);
 
 private:
     std::atomic<CNetHandler*> m_handler{nullptr};

@@ -62,13 +62,15 @@ struct SEvent : SQueueRecord {
     std::uint32_t type = 0;
 
     // Sockets. The two atomics are written under the mutex and read without it by the dispatch in progress.
-    std::atomic<std::int64_t> obj_id{0};     ///< the owner
+    std::atomic<std::int64_t> obj_id{0};      ///< the owner
     std::atomic<std::uint32_t> m_revents{0};  ///< 16 bits; 0 while idle, else what is being dispatched
     std::uint32_t m_event_mask = 0;
     SSockTimeout timer;
-    std::shared_ptr<std::atomic<std::int64_t>> owner_sockets;  ///< the owner's count, which may outlive the owner
-    std::uint32_t armed = 0;       ///< the multiplexer's own bits: what it waits for at present
-    std::uint32_t generation = 0;  ///< tells this arming of the descriptor from earlier ones of the same number
+    std::shared_ptr<std::atomic<std::int64_t>>
+        owner_sockets;        ///< the owner's count, which may outlive the owner
+    std::uint32_t armed = 0;  ///< the multiplexer's own bits: what it waits for at present
+    std::uint32_t generation =
+        0;  ///< tells this arming of the descriptor from earlier ones of the same number
 };
 
 }  // namespace Veltro::Ravelo

@@ -67,6 +67,8 @@ void CEventPool::destroy() {
     while (SEvent* record = takeFree()) delete record;
 }
 
-std::ptrdiff_t CEventPool::inUse() { return freeList().in_use.load(std::memory_order_relaxed); }
+std::ptrdiff_t CEventPool::inUse() {
+    return freeList().in_use.load(std::memory_order_relaxed);
+}
 
 }  // namespace Veltro::Ravelo

@@ -22,10 +22,10 @@ protected:
 
 /// A first-in first-out queue of records that worker threads share. Any thread may call.
 ///
-/// Being woken costs more than anything else the queue does, so a push wakes at most one thread, and none when a
-/// running one is sure to come by: the pushing worker itself, or the multiplexer's waiter while it looks again
-/// before it sleeps. What such a thread leaves lying because it stays long in a callback, the standby takes: one
-/// of the sleeping threads, which looks every STANDBY_TICK_US while records move.
+/// Being woken costs more than anything else the queue does, so a push wakes at most one thread, and none
+/// when a running one is sure to come by: the pushing worker itself, or the multiplexer's waiter while it
+/// looks again before it sleeps. What such a thread leaves lying because it stays long in a callback, the
+/// standby takes: one of the sleeping threads, which looks every STANDBY_TICK_US while records move.
 class CEventQueue {
 public:
     /// Who pushes: it decides who has to be woken.
@@ -35,14 +35,15 @@ public:
     };
 
     CEventQueue() = default;
-    /// Requires that no thread is left inside. Gives queued messages and tokens back to CEventPool; socket records
-    /// belong to the socket table and timers to the timer service: take those out first with popNoWait().
+    /// Requires that no thread is left inside. Gives queued messages and tokens back to CEventPool; socket
+    /// records belong to the socket table and timers to the timer service: take those out first with
+    /// popNoWait().
     ~CEventQueue();
     CEventQueue(const CEventQueue&) = delete;
     CEventQueue& operator=(const CEventQueue&) = delete;
 
-    /// Names the waiter that a push wakes when no thread sleeps in Pop(), and how many threads serve the queue,
-    /// the waiter included. Before the first push.
+    /// Names the waiter that a push wakes when no thread sleeps in Pop(), and how many threads serve the
+    /// queue, the waiter included. Before the first push.
     void setWaiter(IQueueWaiter* waiter, unsigned workers) {
         m_waiter = waiter;
         m_workers = workers;
@@ -57,8 +58,8 @@ public:
     /// Appends a chain and wakes nobody.
     void pushWithoutSignal(SQueueRecord* chain);
 
-    /// Takes the head, waiting for one without limit; null after stop(), or when the semaphore was passed without
-    /// a grant.
+    /// Takes the head, waiting for one without limit; null after stop(), or when the semaphore was passed
+    /// without a grant.
     SQueueRecord* Pop();
     /// Takes the head, or null.
     SQueueRecord* popNoWait();
@@ -109,16 +110,16 @@ private:
 
     SQueueRecord* m_head PLINTH_GUARDED_BY(m_mutex) = nullptr;
     SQueueRecord* m_tail PLINTH_GUARDED_BY(m_mutex) = nullptr;
-    std::atomic<unsigned> m_size{0};  // written under m_mutex
-    unsigned m_sleepers PLINTH_GUARDED_BY(m_mutex) = 0;   // threads in Pop() that nobody has granted a wake
-    unsigned m_grants PLINTH_GUARDED_BY(m_mutex) = 0;     // wakes posted and not yet taken
+    std::atomic<unsigned> m_size{0};                        // written under m_mutex
+    unsigned m_sleepers PLINTH_GUARDED_BY(m_mutex) = 0;     // threads in Pop() that nobody has granted a wake
+    unsigned m_grants PLINTH_GUARDED_BY(m_mutex) = 0;       // wakes posted and not yet taken
     bool m_has_standby PLINTH_GUARDED_BY(m_mutex) = false;  // one thread looks at every tick
     bool m_waiter_is_standby PLINTH_GUARDED_BY(m_mutex) = false;
     SStandby m_standby PLINTH_GUARDED_BY(m_mutex);
     bool m_stopped PLINTH_GUARDED_BY(m_mutex) = false;
     bool m_waiting PLINTH_GUARDED_BY(m_mutex) = false;    // the waiter sleeps and wants to be woken
     std::uint64_t m_pops PLINTH_GUARDED_BY(m_mutex) = 0;  // records taken so far
-    Plinth::CMutex m_mutex;  // guards the list and who sleeps
+    Plinth::CMutex m_mutex;                               // guards the list and who sleeps
     Plinth::CSemaphore m_semaphore;
     std::atomic<bool> m_looking{false};  // the waiter looks again before it sleeps
     IQueueWaiter* m_waiter = nullptr;

@@ -19,7 +19,8 @@ namespace {
 /// Messages for the file threads, of all pools. Never destroyed: posts may come late.
 CEventQueue& s_io_queue = *new CEventQueue;
 
-SEvent* makeRecord(std::int64_t key, std::int64_t sender, std::int64_t receiver, std::uint32_t type, long info) {
+SEvent* makeRecord(std::int64_t key, std::int64_t sender, std::int64_t receiver, std::uint32_t type,
+                   long info) {
     SEvent* record = CEventPool::get(key);
     if (record == nullptr) {
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "no memory for a message, receiver: %jd, type:%u\n",
@@ -42,9 +43,9 @@ bool isClose(const SEvent& record) {
 void CMessage::Notify(std::int64_t sender, long receiver, std::uint32_t type, long info, bool is_io) {
     if (receiver >= 0) {
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR,
-                   "CMessage::Notify, invalid receiver id: %ld, sender:%jd, type:%d, info:%jd, is_io:%d\n", receiver,
-                   static_cast<std::intmax_t>(sender), static_cast<int>(type), static_cast<std::intmax_t>(info),
-                   is_io ? 1 : 0);
+                   "CMessage::Notify, invalid receiver id: %ld, sender:%jd, type:%d, info:%jd, is_io:%d\n",
+                   receiver, static_cast<std::intmax_t>(sender), static_cast<int>(type),
+                   static_cast<std::intmax_t>(info), is_io ? 1 : 0);
         return;
     }
     SEvent* record = makeRecord(EVENT_KEY_MESSAGE, sender, receiver, type, info);
@@ -60,12 +61,14 @@ void CMessage::Notify(std::int64_t sender, long receiver, std::uint32_t type, lo
     }
 }
 
-void CMessage::NotifySerial(std::int64_t sender, long receiver, std::uint32_t type, long info, unsigned flag) {
+void CMessage::NotifySerial(std::int64_t sender, long receiver, std::uint32_t type, long info,
+                            unsigned flag) {
     if (receiver >= 0) {
-        RAVELO_LOG(Plinth::LOG_LEVEL_ERROR,
-                   "CMessage::NotifySerial, invalid receiver id: %ld, sender:%jd, type:%d, info:%jd, flag:%u\n",
-                   receiver, static_cast<std::intmax_t>(sender), static_cast<int>(type),
-                   static_cast<std::intmax_t>(info), flag);
+        RAVELO_LOG(
+            Plinth::LOG_LEVEL_ERROR,
+            "CMessage::NotifySerial, invalid receiver id: %ld, sender:%jd, type:%d, info:%jd, flag:%u\n",
+            receiver, static_cast<std::intmax_t>(sender), static_cast<int>(type),
+            static_cast<std::intmax_t>(info), flag);
         return;
     }
     SEvent* record = makeRecord(EVENT_KEY_SERIAL_MESSAGE, sender, receiver, type, info);
@@ -97,7 +100,8 @@ void CMessage::dispatch(CThreadPool& pool, CCurrentObject& current, SEvent* reco
         pool.unbind(record->receiver);
     } else {
         current.set(handler);
-        handler->handle_message(static_cast<long>(record->sender), record->type, static_cast<long>(record->info));
+        handler->handle_message(static_cast<long>(record->sender), record->type,
+                                static_cast<long>(record->info));
         current.set(nullptr);
     }
     R3Trace::messageEnd(*handler, record->type, record->info);
@@ -120,6 +124,8 @@ void CMessage::dropIo(int pool_number) {
     if (kept != nullptr) s_io_queue.pushWithoutSignal(kept);
 }
 
-unsigned CMessage::waitingIo() { return s_io_queue.size(); }
+unsigned CMessage::waitingIo() {
+    return s_io_queue.size();
+}
 
 }  // namespace Veltro::Ravelo

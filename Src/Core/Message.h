@@ -12,13 +12,15 @@ class CCurrentObject;
 class CThreadPool;
 struct SNetHandlerRecord;
 
-/// Messages between handlers. Any thread may post; a message whose receiver or pool has gone is freed quietly.
+/// Messages between handlers. Any thread may post; a message whose receiver or pool has gone is freed
+/// quietly.
 class CMessage {
 public:
     /// Posts an ordinary message or, with is_io, one for the file threads.
     static void Notify(std::int64_t sender, long receiver, std::uint32_t type, long info, bool is_io);
     /// Posts a serial message. @param flag is only shown when the receiver is invalid.
-    static void NotifySerial(std::int64_t sender, long receiver, std::uint32_t type, long info, unsigned flag);
+    static void NotifySerial(std::int64_t sender, long receiver, std::uint32_t type, long info,
+                             unsigned flag);
     /// Posts a handler's close message, ahead of all others.
     static void NotifyClose(const SNetHandlerRecord& handler);
 

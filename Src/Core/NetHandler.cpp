@@ -61,23 +61,42 @@ CNetHandler::~CNetHandler() {
         RAVELO_ASSERT(__m_magic == 0x0202);
     }
     if (m_internal->sockets->load() > 0) {
-        RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR,
-                        "some sockets registered on obj %p has not been removed, please remove it before close the "
-                        "obj!\n",
-                        static_cast<const void*>(this));
+        RAVELO_LOG_THIS(
+            Plinth::LOG_LEVEL_ERROR,
+            "some sockets registered on obj %p has not been removed, please remove it before close the "
+            "obj!\n",
+            static_cast<const void*>(this));
     }
     delete m_internal;
 }
 
-int CNetHandler::handle_input(int) { return -1; }
-int CNetHandler::handle_output(int) { return -1; }
-int CNetHandler::handle_exception(int) { return -1; }
-int CNetHandler::handle_input_timeout(int) { return -1; }
-int CNetHandler::handle_output_timeout(int) { return -1; }
-int CNetHandler::handle_exception_timeout(int) { return -1; }
-std::int64_t CNetHandler::handle_timeout(long) { return -1; }
-int CNetHandler::handle_close(CNetHandler*) { return -1; }
-int CNetHandler::handle_message(long, unsigned int, long) { return -1; }
+int CNetHandler::handle_input(int) {
+    return -1;
+}
+int CNetHandler::handle_output(int) {
+    return -1;
+}
+int CNetHandler::handle_exception(int) {
+    return -1;
+}
+int CNetHandler::handle_input_timeout(int) {
+    return -1;
+}
+int CNetHandler::handle_output_timeout(int) {
+    return -1;
+}
+int CNetHandler::handle_exception_timeout(int) {
+    return -1;
+}
+std::int64_t CNetHandler::handle_timeout(long) {
+    return -1;
+}
+int CNetHandler::handle_close(CNetHandler*) {
+    return -1;
+}
+int CNetHandler::handle_message(long, unsigned int, long) {
+    return -1;
+}
 
 void CNetHandler::Close() {
     // The close message may end this object on another thread as soon as it is posted.
@@ -91,11 +110,17 @@ void CNetHandler::Close() {
     DecRef();
 }
 
-long CNetHandler::GetID() { return static_cast<long>(static_cast<std::int32_t>(m_internal->id())); }
+long CNetHandler::GetID() {
+    return static_cast<long>(static_cast<std::int32_t>(m_internal->id()));
+}
 
-void CNetHandler::SetDefaultRcer(long id) { m_internal->default_receiver.store(id); }
+void CNetHandler::SetDefaultRcer(long id) {
+    m_internal->default_receiver.store(id);
+}
 
-void CNetHandler::AddRef() { m_internal->references.fetch_add(1); }
+void CNetHandler::AddRef() {
+    m_internal->references.fetch_add(1);
+}
 
 void CNetHandler::DecRef() {
     if (m_internal->references.fetch_sub(1) != 1) return;
@@ -107,8 +132,12 @@ void CNetHandler::DecRef() {
     handle_close(this);
 }
 
-void CNetHandler::AddSock() { m_internal->sockets->fetch_add(1); }
-void CNetHandler::DecSock() { m_internal->sockets->fetch_sub(1); }
+void CNetHandler::AddSock() {
+    m_internal->sockets->fetch_add(1);
+}
+void CNetHandler::DecSock() {
+    m_internal->sockets->fetch_sub(1);
+}
 
 int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int timeout) {
     const COpenHandler open(*this);
@@ -119,16 +148,22 @@ int CNetHandler::UnregisterSock(CSock& sock, unsigned int mask) {
     return CNetSock::UnregisterSock(*this, sock, mask);
 }
 
-int CNetHandler::RemoveSock(CSock& sock) { return CNetSock::RemoveSock(*this, sock); }
+int CNetHandler::RemoveSock(CSock& sock) {
+    return CNetSock::RemoveSock(*this, sock);
+}
 
-int CNetHandler::CheckSock(CSock& sock) { return CNetSock::CheckSock(*this, sock); }
+int CNetHandler::CheckSock(CSock& sock) {
+    return CNetSock::CheckSock(*this, sock);
+}
 
 long CNetHandler::SetTimer(std::int64_t period) {
     const COpenHandler open(*this);
     return open ? CNetTimer::SetTimer(*m_internal, period) : -1;
 }
 
-void CNetHandler::DestroyTimer(long timer_id) { CNetTimer::DestroyTimer(timer_id); }
+void CNetHandler::DestroyTimer(long timer_id) {
+    CNetTimer::DestroyTimer(timer_id);
+}
 
 void CNetHandler::Notify(long receiver, unsigned int type, long info) {
     CMessage::Notify(m_internal->id(), receiver, type, info, false);
@@ -154,9 +189,17 @@ void CNetHandler::NotifyIO(unsigned int type, long info) {
     NotifyIO(static_cast<long>(m_internal->default_receiver.load()), type, info);
 }
 
-void* CNetHandler::TsMalloc(unsigned int size) { return CTsMemory::TsMalloc(size); }
-void CNetHandler::TsFree(void* block) { CTsMemory::TsFree(block); }
-void* CNetHandler::Malloc(unsigned int size) { return CTsMemory::Malloc(size); }
-void CNetHandler::Free(void* block) { CTsMemory::Free(block); }
+void* CNetHandler::TsMalloc(unsigned int size) {
+    return CTsMemory::TsMalloc(size);
+}
+void CNetHandler::TsFree(void* block) {
+    CTsMemory::TsFree(block);
+}
+void* CNetHandler::Malloc(unsigned int size) {
+    return CTsMemory::Malloc(size);
+}
+void CNetHandler::Free(void* block) {
+    CTsMemory::Free(block);
+}
 
 }  // namespace Veltro::Ravelo

@@ -26,10 +26,11 @@ CNetHandler* findOwner(std::int64_t owner_id) {
     return pool ? pool->findHandler(owner_id) : nullptr;
 }
 
-/// Logs that a socket is protected by another handler. Without locks and pins: the owner's last reference may be
-/// given back here.
+/// Logs that a socket is protected by another handler. Without locks and pins: the owner's last reference may
+/// be given back here.
 /// @param operation, ending the two parts of the line that differ from operation to operation.
-int refuse(const char* operation, const char* ending, int fd, std::int64_t owner_id, const CNetHandler& caller) {
+int refuse(const char* operation, const char* ending, int fd, std::int64_t owner_id,
+           const CNetHandler& caller) {
     CNetHandler* owner = findOwner(owner_id);
     const std::string owner_type = owner != nullptr ? SNetHandlerRecord::className(owner) : "NULL";
     RAVELO_LOG(Plinth::LOG_LEVEL_ERROR,
@@ -45,7 +46,9 @@ bool isProtectedFrom(const SEvent& record, std::int64_t caller_id) {
     return (record.m_event_mask & EventMask::Protect) && record.obj_id.load(relaxed) != caller_id;
 }
 
-bool isInFlight(const SEvent& record) { return record.m_revents.load(relaxed) != VL_NOPOLL; }
+bool isInFlight(const SEvent& record) {
+    return record.m_revents.load(relaxed) != VL_NOPOLL;
+}
 
 void countSock(const SEvent& record, int change) {
     if (record.owner_sockets) record.owner_sockets->fetch_add(change);
@@ -100,7 +103,9 @@ CThreadPool* poolOf(const CPoolPin& pin, const SNetHandlerRecord& handler) {
 
 }  // namespace
 
-int CNetSock::start() { return SocketApi::startup() != 0 ? -1 : startTimeouts(); }
+int CNetSock::start() {
+    return SocketApi::startup() != 0 ? -1 : startTimeouts();
+}
 
 int CNetSock::startTimeouts() {
     if (CSockTimer::start() == 0) return 0;
@@ -125,13 +130,13 @@ void CNetSock::stop() {
 }
 
 // The record's mutex is taken by the lookup or by insertRecord(), which the analysis cannot follow.
-int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask, int timeout_us)
-    PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask,
+                           int timeout_us) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
     const int fd = sock.GetHandle();
     if (fd < 0) return logInvalidSock(handler, fd, mask, timeout_us);
     if (fd <= 2) {
-        RAVELO_LOG(Plinth::LOG_LEVEL_WARNING, "RegisterSock sock fd specially with standard stream value: %d\n",
-                   fd);
+        RAVELO_LOG(Plinth::LOG_LEVEL_WARNING,
+                   "RegisterSock sock fd specially with standard stream value: %d\n", fd);
     }
     const SNetHandlerRecord& caller = SNetHandlerRecord::of(handler);
     CPoolPin pin(poolOfId(caller.id()));
@@ -188,7 +193,8 @@ bool CNetSock::modify_exist_event(CThreadPool& pool, SEvent& record, const SNetH
     return true;
 }
 
-int CNetSock::UnregisterSock(CNetHandler& handler, CSock& sock, unsigned mask) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+int CNetSock::UnregisterSock(CNetHandler& handler, CSock& sock,
+                             unsigned mask) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
     const int fd = sock.GetHandle();
     const SNetHandlerRecord& caller = SNetHandlerRecord::of(handler);
     CPoolPin pin(poolOfId(caller.id()));

@@ -15,9 +15,10 @@ struct SNetHandlerRecord;
 /// The registry of sockets: one record per registered socket in its pool's socket table. Arms sockets in the
 /// pool's multiplexer, turns what arrives into callbacks, and arms them again by the callbacks' results.
 ///
-/// A record is idle (armed, received events 0), in flight (queued or being dispatched, not armed as far as the
-/// reactor is concerned) or condemned (removed while in flight; freed when its dispatch ends). A record in flight
-/// belongs to the one worker that dispatches it. Lock order: socket table, record, set mutex, wake mutex.
+/// A record is idle (armed, received events 0), in flight (queued or being dispatched, not armed as far as
+/// the reactor is concerned) or condemned (removed while in flight; freed when its dispatch ends). A record
+/// in flight belongs to the one worker that dispatches it. Lock order: socket table, record, set mutex, wake
+/// mutex.
 class CNetSock {
 public:
     /// Starts the system's socket layer and the time-outs; 0 or -1.

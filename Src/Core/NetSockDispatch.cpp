@@ -4,8 +4,8 @@
 
 #include "Core/CurrentObject.h"
 #include "Core/NetSock.h"
-#include "Core/SockTrace.h"
 #include "Core/SockTimer.h"
+#include "Core/SockTrace.h"
 #include "Core/ThreadPool.h"
 
 namespace Veltro::Ravelo {
@@ -16,7 +16,9 @@ constexpr auto relaxed = std::memory_order_relaxed;
 constexpr unsigned TIMEOUTS = VL_POLLIN_TIMEOUT | VL_POLLOUT_TIMEOUT;
 
 /// What arrived is read anew before each callback: the one before may have removed the socket.
-bool has(const SEvent& record, unsigned event) { return (record.m_revents.load(relaxed) & event) != 0; }
+bool has(const SEvent& record, unsigned event) {
+    return (record.m_revents.load(relaxed) & event) != 0;
+}
 
 int handleNet(CNetHandler& owner, const SEvent& record) {
     const int fd = static_cast<int>(record.key);
@@ -68,8 +70,8 @@ void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEven
     }
 }
 
-/// Makes a record idle again; false when it is condemned. Freeing needs the table, which is not worth taking for
-/// every event.
+/// Makes a record idle again; false when it is condemned. Freeing needs the table, which is not worth taking
+/// for every event.
 bool CNetSock::rearm(CThreadPool& pool, SEvent& record, int result) {
     Plinth::CLockGuard guard(record.mutex);
     if (record.m_event_mask & EventMask::Delete) return false;

@@ -29,8 +29,8 @@ int refuseStopping() {
 /// Creates and starts a pool and enters it in the table; false when no memory is left.
 bool createPool(SNetThreadState& state, int number, unsigned thread_num) PLINTH_REQUIRES(state.mutex) {
     try {
-        auto pool = std::make_unique<CThreadPool>(static_cast<unsigned>(number), thread_num, state.worker_settings,
-                                                  state.capacity, state.processors);
+        auto pool = std::make_unique<CThreadPool>(static_cast<unsigned>(number), thread_num,
+                                                  state.worker_settings, state.capacity, state.processors);
         pool->start();
         CPoolTable::enter(number, pool.release());
     } catch (const std::bad_alloc&) {
@@ -43,7 +43,8 @@ bool createPool(SNetThreadState& state, int number, unsigned thread_num) PLINTH_
 
 /// Ends a pool and takes all that was meant for its handlers with it.
 void destroyPool(int number) {
-    // Out of the table first and joined afterwards, so that a callback that posts to its own pool cannot block us.
+    // Out of the table first and joined afterwards, so that a callback that posts to its own pool cannot
+    // block us.
     const std::unique_ptr<CThreadPool> pool(CPoolTable::remove(number));
     pool->stop();
     CNetTimer::dropPool(number);
@@ -77,29 +78,19 @@ int initialise(SNetThreadState& state, unsigned thread_num) PLINTH_REQUIRES(stat
     return 0;
 }
 
-/// Brings the library up at the first use. Returns the users of the public pool, or -1.
-int check_on_init(SNetThreadState& state, unsigned thread_num, bool start_file_threads)
-    PLINTH_REQUIRES(state.mutex) {
-    const bool first = state.pool_count == -1;
-    if (first && initialise(state, thread_num) != 0) return -1;
-    if (start_file_threads && !state.file_threads) {
-        if (FileThreads::start(state.processors) != 0) return first ? undoServices(true) : -1;
-        state.file_threads = true;
-    }
-    return state.sm_pub_pool_ref;
-}
-
 bool isCurrent(int number) {
     const CThreadPool* own = CPoolTable::current();
     return own != nullptr && own->number() == number;
 }
 
 /// Whether the library goes down with the public pool: nobody uses it and no private pool is left.
-bool isLastUse(int pool_count, int references) { return pool_count == 1 && references <= 1; }
+bool isLastUse(int pool_count, int references) {
+    return pool_count == 1 && references <= 1;
+}
 
 int refuseSelf(int number) {
-    RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "refused: thread pool %d can't be destroyed by one of its own threads\n",
-               number);
+    RAVELO_LOG(Plinth::LOG_LEVEL_ERROR,
+               "refused: thread pool %d can't be destroyed by one of its own threads\n", number);
     return -1;
 }
 
@@ -121,6 +112,21 @@ void shutDown(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
     CEventPool::destroy();
     SslSetup::stop();
     state.pool_count = -1;
+}
+
+/// Brings the library up at the first use. Returns the users of the public pool, or -1.
+int check_on_init(SNetThreadState& state, unsigned thread_num, bool start_file_threads)
+    PLINTH_REQUIRES(state.mutex) {
+    const bool first = state.pool_count == -1;
+    if (first && initialise(state, thread_num) != 0) return -1;
+    if (start_file_threads && !state.file_threads) {
+        if (FileThreads::start(state.processors) != 0) {
+            if (first) shutDown(state);
+            return -1;
+        }
+        state.file_threads = true;
+    }
+    return state.sm_pub_pool_ref;
 }
 
 int destroyPublic(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
@@ -243,14 +249,22 @@ int CNetThread::EnableR3() {
     return -1;
 }
 
-int CNetThread::DisableR3() { return R3Control::stop(); }
+int CNetThread::DisableR3() {
+    return R3Control::stop();
+}
 
-int CNetThread::TraversalSock() { return SockDump::traverse(); }
-void CNetThread::DumpSockEvent(int fd) { SockDump::dumpSocks(&fd, fd == 0 ? 0 : 1); }
+int CNetThread::TraversalSock() {
+    return SockDump::traverse();
+}
+void CNetThread::DumpSockEvent(int fd) {
+    SockDump::dumpSocks(&fd, fd == 0 ? 0 : 1);
+}
 void CNetThread::DumpSockArrayEvent(int* fds, int count) {
     if (fds != nullptr && count > 0) SockDump::dumpSocks(fds, count);
 }
-void CNetThread::DumpNethandlerEvent(std::int64_t id) { SockDump::dumpHandler(id); }
+void CNetThread::DumpNethandlerEvent(std::int64_t id) {
+    SockDump::dumpHandler(id);
+}
 
 }  // namespace Veltro::Ravelo
 
@@ -258,4 +272,6 @@ int CreateThreadPool(unsigned int thread_num, bool start_file_threads) {
     return Veltro::Ravelo::CNetThread::CreateThreadPool(thread_num, start_file_threads);
 }
 
-int DestroyThreadPool() { return Veltro::Ravelo::CNetThread::DestroyThreadPool(); }
+int DestroyThreadPool() {
+    return Veltro::Ravelo::CNetThread::DestroyThreadPool();
+}

@@ -24,7 +24,8 @@ namespace {
 struct SState {
     Plinth::CMutex mutex;  // guards the heap and what the thread sleeps for
     CTimerHeap heap PLINTH_GUARDED_BY(mutex);
-    /// When the thread looks at the heap next, on the steady clock; the greatest value while it sleeps without limit.
+    /// When the thread looks at the heap next, on the steady clock; the greatest value while it sleeps
+    /// without limit.
     std::uint64_t next_look_us PLINTH_GUARDED_BY(mutex) = UINT64_MAX;
     Plinth::CSemaphore wake;
     std::unique_ptr<Plinth::CThreadLite> thread;
@@ -134,8 +135,8 @@ STimer* newTimer() {
 }  // namespace
 
 int CNetTimer::start() {
-    s_state.thread = std::make_unique<Plinth::CThreadLite>(&threadProc, "Timer_Thread", Plinth::PRIORITY_NORMAL,
-                                                           Plinth::POLICY_NORMAL, 0);
+    s_state.thread = std::make_unique<Plinth::CThreadLite>(&threadProc, "Timer_Thread",
+                                                           Plinth::PRIORITY_NORMAL, Plinth::POLICY_NORMAL, 0);
     if (s_state.thread->createThread()) return 0;
     s_state.thread.reset();
     return -1;

@@ -10,11 +10,11 @@ class CCurrentObject;
 class CThreadPool;
 struct SNetHandlerRecord;
 
-/// The handler timers of the process: one heap, and "Timer_Thread", which hands what is due to the pools in steps of
-/// 5 ms. Timers carry ids, never handlers, so one that outlives its handler is dropped quietly.
+/// The handler timers of the process: one heap, and "Timer_Thread", which hands what is due to the pools in
+/// steps of 5 ms. Timers carry ids, never handlers, so one that outlives its handler is dropped quietly.
 ///
-/// A timer is armed (in the heap), in flight (on its way to a pool or in its callback) or ended. Any thread may arm
-/// or destroy. The service's mutex is never held while it calls into a pool.
+/// A timer is armed (in the heap), in flight (on its way to a pool or in its callback) or ended. Any thread
+/// may arm or destroy. The service's mutex is never held while it calls into a pool.
 class CNetTimer {
 public:
     static constexpr std::int64_t MIN_PERIOD_US = 3'000;

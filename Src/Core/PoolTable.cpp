@@ -21,7 +21,9 @@ thread_local CThreadPool* t_current = nullptr;
 
 }  // namespace
 
-void CPoolTable::enter(int number, CThreadPool* pool) { s_slots[number].pool.store(pool); }
+void CPoolTable::enter(int number, CThreadPool* pool) {
+    s_slots[number].pool.store(pool);
+}
 
 CThreadPool* CPoolTable::remove(int number) {
     CThreadPool* pool = s_slots[number].pool.exchange(nullptr);
@@ -30,10 +32,16 @@ CThreadPool* CPoolTable::remove(int number) {
     return pool;
 }
 
-CThreadPool* CPoolTable::peek(int number) { return s_slots[number].pool.load(); }
+CThreadPool* CPoolTable::peek(int number) {
+    return s_slots[number].pool.load();
+}
 
-CThreadPool* CPoolTable::current() { return t_current; }
-void CPoolTable::setCurrent(CThreadPool* pool) { t_current = pool; }
+CThreadPool* CPoolTable::current() {
+    return t_current;
+}
+void CPoolTable::setCurrent(CThreadPool* pool) {
+    t_current = pool;
+}
 
 CPoolPin::CPoolPin(int number) : m_pool(nullptr) {
     if (number < 0 || number >= POOL_COUNT) return;
@@ -47,7 +55,9 @@ CPoolPin::CPoolPin(int number) : m_pool(nullptr) {
     m_pool = s_slots[number].pool.load();
 }
 
-CPoolPin::~CPoolPin() { release(); }
+CPoolPin::~CPoolPin() {
+    release();
+}
 
 void CPoolPin::release() {
     m_pool = nullptr;

@@ -12,7 +12,9 @@ class CThreadPool;
 inline constexpr int POOL_COUNT = 64;
 
 /// The number of the pool that owns a handler or timer id.
-inline int poolOfId(std::int64_t id) { return static_cast<int>((id >> 4) & (POOL_COUNT - 1)); }
+inline int poolOfId(std::int64_t id) {
+    return static_cast<int>((id >> 4) & (POOL_COUNT - 1));
+}
 
 /// The table of live pools. Entering and removing is CNetThread's business, under its creation mutex.
 class CPoolTable {
@@ -28,8 +30,8 @@ public:
     static void setCurrent(CThreadPool* pool);
 };
 
-/// Keeps a pool from being destroyed for as long as the pin lives; posting and registering go through one. Never
-/// hold it across a callback: destruction waits for it.
+/// Keeps a pool from being destroyed for as long as the pin lives; posting and registering go through one.
+/// Never hold it across a callback: destruction waits for it.
 class CPoolPin {
 public:
     explicit CPoolPin(int number);

@@ -1,8 +1,8 @@
 // The multiplexer over epoll.
 //
-// Registrations are level-triggered and stay armed while a socket is dispatched: most dispatches end before the
-// next pass, and then nothing has to be told to the kernel. A pass that meets a socket still in flight silences
-// it; the end of the dispatch arms it again.
+// Registrations are level-triggered and stay armed while a socket is dispatched: most dispatches end before
+// the next pass, and then nothing has to be told to the kernel. A pass that meets a socket still in flight
+// silences it; the end of the dispatch arms it again.
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -126,7 +126,9 @@ struct CMultiplexer::SImpl {
     void rebuild(CBTree& sockets);
 };
 
-unsigned CMultiplexer::maxCapacity() { return 1U << 24; }
+unsigned CMultiplexer::maxCapacity() {
+    return 1U << 24;
+}
 
 CMultiplexer::CMultiplexer(unsigned pool_number, unsigned capacity)
     : m_impl(std::make_unique<SImpl>(pool_number, capacity)) {}
@@ -213,9 +215,13 @@ void CMultiplexer::add(SEvent& record) {
     m_impl->arm(record, (record.armed & ARMED_STALE) != 0);
 }
 
-void CMultiplexer::modify(SEvent& record) { m_impl->arm(record, true); }
+void CMultiplexer::modify(SEvent& record) {
+    m_impl->arm(record, true);
+}
 
-void CMultiplexer::markForRearm(SEvent& record) { record.armed |= ARMED_STALE; }
+void CMultiplexer::markForRearm(SEvent& record) {
+    record.armed |= ARMED_STALE;
+}
 
 void CMultiplexer::remove(SEvent& record) {
     if (record.armed & ARMED_ADDED) {
@@ -306,7 +312,8 @@ int CMultiplexer::SImpl::wait_for_events(CEventQueue& queue) {
     return count;
 }
 
-/// A socket that is still being dispatched would be reported by every pass: the end of the dispatch arms it again.
+/// A socket that is still being dispatched would be reported by every pass: the end of the dispatch arms it
+/// again.
 void CMultiplexer::SImpl::silence(SEvent& record) const {
     epoll_event event{};
     event.events = EPOLLONESHOT;  // errors and hang-ups, which cannot be masked, come once at most
@@ -316,7 +323,8 @@ void CMultiplexer::SImpl::silence(SEvent& record) const {
 }
 
 /// The record that an event fires, its received events set; null when it fires none.
-SEvent* CMultiplexer::SImpl::collect(CBTree& sockets, const epoll_event& event) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+SEvent* CMultiplexer::SImpl::collect(CBTree& sockets,
+                                     const epoll_event& event) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
     // The lookup hands the record over with its mutex locked.
     SEvent* record = sockets.findSockLocked(static_cast<std::int64_t>(event.data.u64 & 0xFFFFFFFF));
     if (record == nullptr || tagOf(*record) != event.data.u64) {

@@ -1,7 +1,8 @@
 // The multiplexer over select().
 //
-// The master sets hold what is to be waited for; a pass waits on a copy. A socket that fires leaves the master sets
-// until its dispatch ends, and every change of the sets wakes the wait, which cannot see it otherwise.
+// The master sets hold what is to be waited for; a pass waits on a copy. A socket that fires leaves the
+// master sets until its dispatch ends, and every change of the sets wakes the wait, which cannot see it
+// otherwise.
 
 #include <cstring>
 
@@ -84,7 +85,8 @@ struct CMultiplexer::SImpl {
     const unsigned pool_number;
     const unsigned capacity;
     std::uint32_t last_generation PLINTH_GUARDED_BY(set_mutex) = 0;
-    std::uint32_t wait_generation = 0;  // the last generation that the running wait knows; the waiting thread's own
+    std::uint32_t wait_generation =
+        0;  // the last generation that the running wait knows; the waiting thread's own
 
     SImpl(unsigned number, unsigned room) : pool_number(number), capacity(room) {
         for (int i = 0; i < 3; ++i) {
@@ -96,7 +98,7 @@ struct CMultiplexer::SImpl {
     void insert(SEvent& record) PLINTH_REQUIRES(set_mutex);
     void erase(SOCKET fd) PLINTH_REQUIRES(set_mutex);
     void copy_master();
-    int select_once(const timeval* limit);
+    int select_once(timeval* limit);
     int sleep(CEventQueue& queue);
     void drain_pipe();
     unsigned received_events(SOCKET fd) const;
@@ -104,7 +106,9 @@ struct CMultiplexer::SImpl {
     void drop_bad_sockets();
 };
 
-unsigned CMultiplexer::maxCapacity() { return FD_SETSIZE; }
+unsigned CMultiplexer::maxCapacity() {
+    return FD_SETSIZE;
+}
 
 CMultiplexer::CMultiplexer(unsigned pool_number, unsigned capacity)
     : m_impl(std::make_unique<SImpl>(pool_number, capacity)) {}
@@ -201,7 +205,7 @@ void CMultiplexer::SImpl::copy_master() {
     waiting = true;
 }
 
-int CMultiplexer::SImpl::select_once(const timeval* limit) {
+int CMultiplexer::SImpl::select_once(timeval* limit) {
     copy_master();
     const int count = ::select(0, &working.sets[0], &working.sets[1], &working.sets[2], limit);
     const int error = SocketApi::lastError();
@@ -217,7 +221,8 @@ int CMultiplexer::SImpl::sleep(CEventQueue& queue) {
     CEventQueue::EWait wait = queue.beginWait();
     int count = 0;
     do {
-        timeval limit{0, wait == CEventQueue::EWait::Serve ? 0 : static_cast<long>(CEventQueue::STANDBY_TICK_US)};
+        timeval limit{
+            0, wait == CEventQueue::EWait::Serve ? 0 : static_cast<long>(CEventQueue::STANDBY_TICK_US)};
         count = select_once(wait == CEventQueue::EWait::Unlimited ? nullptr : &limit);
         if (count == 0 && wait == CEventQueue::EWait::Tick) {
             wait = queue.waitTick();

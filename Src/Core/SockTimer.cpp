@@ -54,8 +54,8 @@ bool expire(SEvent& record, CThreadPool* pool) PLINTH_REQUIRES(record.mutex, s_s
     unlink(record.timer);
     clear(record.timer);
     const unsigned event = timeoutEvent(record);
-    // A pool that is being destroyed frees the record with its socket table. A record that gets no callback is
-    // not queued, so it stays idle and may be removed at any time.
+    // A pool that is being destroyed frees the record with its socket table. A record that gets no callback
+    // is not queued, so it stays idle and may be removed at any time.
     if (pool == nullptr || event == VL_NOPOLL) return false;
     pool->multiplexer().remove(record);
     record.m_revents.store(event, std::memory_order_relaxed);

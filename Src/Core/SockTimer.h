@@ -6,11 +6,13 @@
 
 namespace Veltro::Ravelo {
 
-/// The time-outs of all registered sockets of the process: a coarse clock that "Sock_Timer_Thread" advances every
-/// 500 ms, scanning all armed sockets. A time-out of t ms comes between t and t + 1000 ms after it was set.
+/// The time-outs of all registered sockets of the process: a coarse clock that "Sock_Timer_Thread" advances
+/// every 500 ms, scanning all armed sockets. A time-out of t ms comes between t and t + 1000 ms after it was
+/// set.
 ///
 /// Add, Delete, Reset and disarm need the record's mutex; the list's own mutex is taken inside it. The thread
-/// takes them the other way round and only tries the record: one that is held is looked at again 500 ms later.
+/// takes them the other way round and only tries the record: one that is held is looked at again 500 ms
+/// later.
 class CSockTimer {
 public:
     static constexpr std::int64_t TICK_MS = 500;

@@ -5,8 +5,8 @@
 
 namespace Veltro::Ravelo {
 
-/// How long a waiter looks again before it sleeps: long enough to catch the answer of a peer that is being served,
-/// nothing when sleeps turn out long. One thread at a time.
+/// How long a waiter looks again before it sleeps: long enough to catch the answer of a peer that is being
+/// served, nothing when sleeps turn out long. One thread at a time.
 class CSpinBudget {
 public:
     /// Looking longer costs more than the wake it saves, in microseconds.

@@ -3,7 +3,6 @@
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/TsMemory.h>
 
-#include <cstdio>
 #include <new>
 #include <string>
 
@@ -26,10 +25,9 @@ std::uint64_t nextBirth() {
     return ++s_births;
 }
 
-std::string poolName(const char* format, unsigned number) {
-    char name[32];
-    std::snprintf(name, sizeof name, format, static_cast<int>(number));
-    return name;
+/// "Ravelo3", the name of pool 3's workers.
+std::string poolName(unsigned number) {
+    return "Ravelo" + std::to_string(number);
 }
 
 /// As CEventPool::get, for set-up: a pool without its tokens cannot be.
@@ -75,7 +73,7 @@ CThreadPool::~CThreadPool() {
 }
 
 void CThreadPool::start() {
-    const std::string daemon_name = poolName("Ravelo%d daemon", m_number);
+    const std::string daemon_name = poolName(m_number) + " daemon";
     m_daemon = std::make_unique<Plinth::CThreadLite>(
         [this](Plinth::CThreadLite& self) { DaemonThreadProc(self); }, daemon_name.c_str());
     m_daemon->createThread();
@@ -83,7 +81,7 @@ void CThreadPool::start() {
     m_queue.push(m_reactor_token);
     m_queue.push(getRecord(EVENT_KEY_SERIAL_TOKEN));
 
-    const std::string name = poolName("Ravelo%d", m_number);
+    const std::string name = poolName(m_number);
     for (unsigned i = 0; i < m_thread_count; ++i) {
         m_threads.push_back(std::make_unique<Plinth::CThreadLite>(
             [this](Plinth::CThreadLite& self) { ThreadProc(self); }, name.c_str(), m_settings.priority,
@@ -121,9 +119,13 @@ CEventQueue::EPusher CThreadPool::pusher() const {
     return CPoolTable::current() == this ? CEventQueue::EPusher::Worker : CEventQueue::EPusher::Outside;
 }
 
-void CThreadPool::post(SQueueRecord* chain) { m_queue.push(chain, pusher()); }
+void CThreadPool::post(SQueueRecord* chain) {
+    m_queue.push(chain, pusher());
+}
 
-void CThreadPool::postFront(SQueueRecord* record) { m_queue.pushFront(record, pusher()); }
+void CThreadPool::postFront(SQueueRecord* record) {
+    m_queue.pushFront(record, pusher());
+}
 
 void CThreadPool::postSerial(SQueueRecord* record) {
     m_serial_queue.pushWithoutSignal(record);
@@ -171,7 +173,8 @@ SQueueRecord* CThreadPool::dispatch(CCurrentObject& current, SQueueRecord* recor
         const std::int64_t key = record->key;
         CEventPool::put(static_cast<SEvent*>(record));
         if (key != EVENT_KEY_HEARTBEAT) {
-            RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "Exist unexpected event, Please check it, key : [%jd]!\n",
+            RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR,
+                            "Exist unexpected event, Please check it, key : [%jd]!\n",
                             static_cast<std::intmax_t>(key));
             RAVELO_ASSERT(key == EVENT_KEY_HEARTBEAT);
         }

@@ -34,11 +34,11 @@ struct SDaemonTimes {
     std::int64_t wait_us = 5'000'000;  ///< between two heartbeats, besides the pause
 };
 
-/// One pool: workers that share a queue, a multiplexer, the tables of its handlers and sockets, and a daemon that
-/// watches the workers.
+/// One pool: workers that share a queue, a multiplexer, the tables of its handlers and sockets, and a daemon
+/// that watches the workers.
 ///
-/// Two tokens circulate in the queue. Whoever takes the reactor token waits for the sockets and queues what fired;
-/// whoever takes the serial token delivers the serial messages in order.
+/// Two tokens circulate in the queue. Whoever takes the reactor token waits for the sockets and queues what
+/// fired; whoever takes the serial token delivers the serial messages in order.
 class CThreadPool {
 public:
     /// Throws std::bad_alloc when no memory is left, as start() does.

@@ -16,7 +16,8 @@ std::size_t CTimerHeap::sequenceOf(std::int64_t timer_id) {
 
 /// Where the timer of an id stands in the index; null when the index does not reach so far.
 STimer** CTimerHeap::slotOf(std::int64_t timer_id) {
-    if (timer_id > FIRST_SEQUENCE * (std::int64_t{1} << SEQUENCE_SHIFT) + (1 << SEQUENCE_SHIFT) - 1) return nullptr;
+    if (timer_id > FIRST_SEQUENCE * (std::int64_t{1} << SEQUENCE_SHIFT) + (1 << SEQUENCE_SHIFT) - 1)
+        return nullptr;
     auto& slots = m_by_sequence[poolOfId(timer_id)];
     const std::size_t sequence = sequenceOf(timer_id);
     return sequence < slots.size() ? &slots[sequence] : nullptr;
@@ -37,7 +38,9 @@ bool CTimerHeap::insert(STimer* timer) {
     return true;
 }
 
-STimer* CTimerHeap::popRoot() { return m_heap.empty() ? nullptr : takeAt(0); }
+STimer* CTimerHeap::popRoot() {
+    return m_heap.empty() ? nullptr : takeAt(0);
+}
 
 STimer* CTimerHeap::remove(std::int64_t timer_id) {
     STimer** slot = slotOf(timer_id);

@@ -11,7 +11,7 @@ namespace Veltro::Ravelo {
 /// An armed handler timer. Its key is the timer's id.
 struct STimer : SQueueRecord {
     std::int64_t handler_id = 0;
-    std::uint64_t due_us = 0;      ///< on the steady clock
+    std::uint64_t due_us = 0;  ///< on the steady clock
     std::int64_t period_us = 0;
     std::uint64_t pool_birth = 0;  ///< the pool it was made for, should another get the number
     std::uint32_t place = 0;       ///< its index in the heap

@@ -4,7 +4,8 @@ namespace Veltro::Ravelo {
 
 /// A connected pair of sockets that stands in for a pipe: one thread writes a byte to end another's wait.
 ///
-/// The two static operations work on any connected socket. The object's thread safety is its owner's business.
+/// The two static operations work on any connected socket. The object's thread safety is its owner's
+/// business.
 class CWINPipe {
 public:
     CWINPipe() = default;

@@ -20,7 +20,9 @@ struct SRegistration {
 SRegistration& s_registration = *new SRegistration;
 }  // namespace
 
-bool InitConsoleDebug() { return false; }
+bool InitConsoleDebug() {
+    return false;
+}
 
 void registerConsoleOnce() {
     Plinth::CLockGuard guard(s_registration.mutex);

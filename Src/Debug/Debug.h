@@ -3,8 +3,8 @@
 
 namespace Veltro::Ravelo::Debug {
 
-/// Registers the console command unless that was done, or given up, before: five attempts per process. Called by
-/// the pools' daemons at each of their passes.
+/// Registers the console command unless that was done, or given up, before: five attempts per process. Called
+/// by the pools' daemons at each of their passes.
 void registerConsoleOnce();
 
 /// Logs which callback every reactor thread is in.

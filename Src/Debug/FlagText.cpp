@@ -50,7 +50,9 @@ char* flagsToString(std::span<const SFlagName> names, unsigned flags, int size, 
 
 }  // namespace
 
-char* MaskToString(unsigned mask, int size, char* buf) { return flagsToString(MASK_NAMES, mask, size, buf); }
+char* MaskToString(unsigned mask, int size, char* buf) {
+    return flagsToString(MASK_NAMES, mask, size, buf);
+}
 
 char* ReventsToString(unsigned revents, int size, char* buf) {
     return flagsToString(REVENT_NAMES, revents, size, buf);

@@ -16,8 +16,8 @@ namespace Veltro::Ravelo::SockDump {
 
 namespace {
 
-/// A copy of a socket record, taken under its mutex, and a reference on its owner. Logging and giving references
-/// back wait until no lock is held: the last reference calls the application.
+/// A copy of a socket record, taken under its mutex, and a reference on its owner. Logging and giving
+/// references back wait until no lock is held: the last reference calls the application.
 struct SSnapshot {
     int fd;
     std::int64_t owner_id;
@@ -62,7 +62,8 @@ void logBlock(const SSnapshot& shot) {
     RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- obj_type: %s\n", type.c_str());
     RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- m_revents: %s\n",
                ReventsToString(shot.revents, sizeof revents, revents));
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- m_event_mask: %s\n", MaskToString(shot.mask, sizeof mask, mask));
+    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- m_event_mask: %s\n",
+               MaskToString(shot.mask, sizeof mask, mask));
     RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- timer.m_set_time: %d\n", shot.set_time_ms);
     RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- timer.m_time_out: %jd\n",
                static_cast<std::intmax_t>(shot.time_out_ms));
@@ -97,9 +98,10 @@ int traverse() {
                 if (shot.owner != nullptr) entered.push_back(shot);
                 return shot.owner != nullptr;
             },
-            [&](SKeyedEntry* entry) {
-                const auto same = [entry](const SSnapshot& shot) { return shot.fd == entry->key; };
-                found.push_back(*std::find_if(entered.begin(), entered.end(), same));
+            [&](SKeyedEntry*) {
+                // All that was entered since then stood left of this entry and has been visited.
+                found.push_back(entered.back());
+                entered.pop_back();
             });
     });
     for (const SSnapshot& shot : found) {

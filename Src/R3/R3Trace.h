@@ -1,4 +1,5 @@
-// Where the remote command server can trace what handlers do. There is no server in this build, so nobody listens.
+// Where the remote command server can trace what handlers do. There is no server in this build, so nobody
+// listens.
 #pragma once
 
 #include <cstdint>
