@@ -9,13 +9,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/Clock.h"
 #include "common/Net.h"
 
 namespace Bench {
 namespace {
 
 constexpr std::size_t kChunk = 65536;
-constexpr int kFinishTimeoutMs = 5000;
 
 bool try_again() {
     return errno == EAGAIN || errno == EINTR || errno == ENOTCONN;
@@ -50,11 +50,12 @@ CLoadClient::State CLoadClient::Continue() {
     return m_received == m_wanted ? State::Answered : State::Waiting;
 }
 
-CLoadClient::State CLoadClient::Finish() {
+CLoadClient::State CLoadClient::Finish(std::int64_t until_ns) {
     State state = State::Waiting;
     while (state == State::Waiting && m_received < m_wanted) {
         pollfd wait{m_fd, static_cast<short>(Sending() ? POLLIN | POLLOUT : POLLIN), 0};
-        if (poll(&wait, 1, kFinishTimeoutMs) <= 0) return State::Failed;
+        const std::int64_t wait_ms = std::max<std::int64_t>((until_ns - now_ns()) / 1'000'000, 0);
+        if (poll(&wait, 1, static_cast<int>(wait_ms)) <= 0) return State::Failed;
         state = Continue();
     }
     return state;

@@ -24,8 +24,8 @@ public:
     State Request(std::uint64_t number);
     /// Goes on sending and receiving; Answered when every byte of the request came back right.
     State Continue();
-    /// Waits for the answer, at most some seconds.
-    State Finish();
+    /// Waits for the answer, at most until a moment of now_ns(); Failed if it does not come.
+    State Finish(std::int64_t until_ns);
     /// Resets the connection (no TIME_WAIT is left behind, so that churn does not run out of ports).
     void Close();
 

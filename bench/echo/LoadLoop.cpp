@@ -11,6 +11,7 @@ namespace {
 
 constexpr int kEventsPerWait = 512;
 constexpr int kWaitMs = 20;
+constexpr std::int64_t kPatienceNs = 5'000'000'000;
 
 }  // namespace
 
@@ -44,7 +45,7 @@ bool CLoadLoop::open(CLoadClient& client) {
     if (!client.Connect(m_options.port)) return false;
     if (m_options.churn) return true;
     return client.Request(++m_number) != CLoadClient::State::Failed &&
-           client.Finish() == CLoadClient::State::Answered;
+           client.Finish(now_ns() + kPatienceNs) == CLoadClient::State::Answered;
 }
 
 void CLoadLoop::start(CLoadClient& client) {
@@ -95,8 +96,9 @@ void CLoadLoop::fail(CLoadClient& client) {
 }
 
 void CLoadLoop::finish_all() {
+    const std::int64_t until_ns = now_ns() + kPatienceNs;
     for (CLoadClient& client : m_clients) {
-        if (client.Fd() >= 0 && client.Finish() != CLoadClient::State::Answered) m_window.Failed();
+        if (client.Fd() >= 0 && client.Finish(until_ns) != CLoadClient::State::Answered) m_window.Failed();
         client.Close();
     }
 }
