@@ -69,8 +69,9 @@ struct SEvent : SQueueRecord {
     std::shared_ptr<std::atomic<std::int64_t>>
         owner_sockets;        ///< the owner's count, which may outlive the owner
     std::uint32_t armed = 0;  ///< the multiplexer's own bits: what it waits for at present
-    std::uint32_t generation =
-        0;  ///< tells this arming of the descriptor from earlier ones of the same number
+    /// The multiplexer's own: changes with every arming and removal and is never set back, so that what was
+    /// received for an earlier arming does not match. Written under the mutex.
+    std::atomic<std::uint32_t> generation{0};
 };
 
 }  // namespace Veltro::Ravelo

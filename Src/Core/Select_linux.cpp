@@ -37,8 +37,18 @@ constexpr std::uint64_t WAKE_TAG = ~std::uint64_t{0};
 /// With records queued, sockets are looked at no more often than this.
 constexpr std::uint64_t BUSY_POLL_INTERVAL_US = 20;
 
+// What the kernel keeps for a socket: its record's address and, in the bits that no address uses, the
+// generation of its arming. A record's memory stays a record while there are pools, so a late event is safe
+// to follow; one whose generation is not the record's any more is void.
+constexpr unsigned ADDRESS_BITS = 48;
+
 std::uint64_t tagOf(const SEvent& record) {
-    return std::uint64_t{record.generation} << 32 | static_cast<std::uint32_t>(record.key);
+    const std::uint64_t generation = record.generation.load(std::memory_order_relaxed);
+    return generation << ADDRESS_BITS | reinterpret_cast<std::uintptr_t>(&record);
+}
+
+SEvent& recordOf(std::uint64_t tag) {
+    return *reinterpret_cast<SEvent*>(tag & ((std::uint64_t{1} << ADDRESS_BITS) - 1));
 }
 
 std::uint32_t epollEvents(unsigned interest) {
@@ -92,7 +102,7 @@ private:
 }  // namespace
 
 struct CMultiplexer::SImpl {
-    Plinth::CMutex set_mutex;   // guards the counts of armed sockets and the generation
+    Plinth::CMutex set_mutex;   // guards the counts of armed sockets
     Plinth::CMutex wake_mutex;  // guards the pending byte
     int epoll_fd = -1;
     CWINPipe pipe;
@@ -102,7 +112,6 @@ struct CMultiplexer::SImpl {
     unsigned read_count PLINTH_GUARDED_BY(set_mutex) = 0;
     unsigned write_count PLINTH_GUARDED_BY(set_mutex) = 0;
     unsigned except_count PLINTH_GUARDED_BY(set_mutex) = 0;
-    std::uint32_t last_generation PLINTH_GUARDED_BY(set_mutex) = 0;
 
     // The waiting thread's own.
     std::array<epoll_event, EVENTS_PER_PASS> events{};
@@ -122,7 +131,7 @@ struct CMultiplexer::SImpl {
     int sleep(CEventQueue& queue);
     int wait_for_events(CEventQueue& queue);
     void drain_pipe();
-    SEvent* collect(CBTree& sockets, const epoll_event& event);
+    SEvent* collect(const epoll_event& event);
     void rebuild(CBTree& sockets);
 };
 
@@ -192,7 +201,7 @@ void CMultiplexer::SImpl::arm(SEvent& record, bool fresh) {
         if (was_added) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
         return;
     }
-    if (fresh || !was_added) record.generation = ++last_generation;
+    if (fresh || !was_added) record.generation.fetch_add(1, std::memory_order_relaxed);
     epoll_event event{};
     event.events = epollEvents(interest);
     event.data.u64 = tagOf(record);
@@ -230,6 +239,7 @@ void CMultiplexer::remove(SEvent& record) {
     Plinth::CLockGuard guard(m_impl->set_mutex);
     m_impl->give_room(record.armed & INTEREST);
     record.armed = 0;
+    record.generation.fetch_add(1, std::memory_order_relaxed);
 }
 
 void CMultiplexer::wake() {
@@ -323,26 +333,22 @@ void CMultiplexer::SImpl::silence(SEvent& record) const {
 }
 
 /// The record that an event fires, its received events set; null when it fires none.
-SEvent* CMultiplexer::SImpl::collect(CBTree& sockets,
-                                     const epoll_event& event) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
-    // The lookup hands the record over with its mutex locked.
-    SEvent* record = sockets.findSockLocked(static_cast<std::int64_t>(event.data.u64 & 0xFFFFFFFF));
-    if (record == nullptr || tagOf(*record) != event.data.u64) {
-        if (record != nullptr) record->mutex.unlock();
+SEvent* CMultiplexer::SImpl::collect(const epoll_event& event) {
+    SEvent& record = recordOf(event.data.u64);
+    Plinth::CLockGuard guard(record.mutex);
+    if (tagOf(record) != event.data.u64) {
         orphans.note(event.data.u64);
         return nullptr;
     }
-    SEvent* fired = nullptr;
-    const unsigned received = receivedEvents(event.events, record->armed & INTEREST);
-    if (record->m_revents.load(std::memory_order_relaxed) != VL_NOPOLL || received == VL_NOPOLL) {
-        if (!(record->armed & ARMED_SILENT)) silence(*record);
-    } else {
-        record->m_revents.store(received, std::memory_order_relaxed);
-        record->timer.m_time_out = 0;
-        fired = record;
+    const unsigned received = receivedEvents(event.events, record.armed & INTEREST);
+    if (record.m_revents.load(std::memory_order_relaxed) != VL_NOPOLL || received == VL_NOPOLL) {
+        if (!(record.armed & ARMED_SILENT)) silence(record);
+        return nullptr;
     }
-    record->mutex.unlock();
-    return fired;
+    record.m_revents.store(received, std::memory_order_relaxed);
+    record.timer.m_time_out = 0;
+    record.next = nullptr;
+    return &record;
 }
 
 /// Exchanges the epoll set for a new one that holds the registered sockets only.
@@ -375,17 +381,13 @@ SQueueRecord* CMultiplexer::Wait(CBTree& sockets, CEventQueue& queue) {
     if (count <= 0) return nullptr;
     SQueueRecord* head = nullptr;
     SQueueRecord** tail = &head;
-    {
-        Plinth::CReadGuard guard(sockets.lock());
-        for (int i = 0; i < count; ++i) {
-            const epoll_event& event = m_impl->events[static_cast<std::size_t>(i)];
-            if (event.data.u64 == WAKE_TAG) {
-                m_impl->drain_pipe();
-            } else if (SEvent* record = m_impl->collect(sockets, event)) {
-                record->next = nullptr;
-                *tail = record;
-                tail = &record->next;
-            }
+    for (int i = 0; i < count; ++i) {
+        const epoll_event& event = m_impl->events[static_cast<std::size_t>(i)];
+        if (event.data.u64 == WAKE_TAG) {
+            m_impl->drain_pipe();
+        } else if (SEvent* record = m_impl->collect(event)) {
+            *tail = record;
+            tail = &record->next;
         }
     }
     if (m_impl->orphans.endPass()) m_impl->rebuild(sockets);

@@ -137,7 +137,7 @@ int CMultiplexer::Init() {
 
 void CMultiplexer::SImpl::insert(SEvent& record) {
     // A wait that began before this arming may hold readiness of an earlier socket of the same number.
-    record.generation = ++last_generation;
+    record.generation.store(++last_generation, std::memory_order_relaxed);
     for (int i = 0; i < 3; ++i) {
         if (record.m_event_mask & KINDS[i]) {
             insertInto(master.sets[i], static_cast<SOCKET>(record.key), capacity);
@@ -246,7 +246,8 @@ unsigned CMultiplexer::SImpl::received_events(SOCKET fd) const {
 
 /// Sets the record's received events, if there are any; the record's mutex is held.
 bool CMultiplexer::SImpl::fire(SEvent& record) {
-    const bool known = static_cast<std::int32_t>(record.generation - wait_generation) <= 0;
+    const bool known =
+        static_cast<std::int32_t>(record.generation.load(std::memory_order_relaxed) - wait_generation) <= 0;
     if (!known || record.m_revents.load(std::memory_order_relaxed) != VL_NOPOLL) return false;
     const auto fd = static_cast<SOCKET>(record.key);
     const unsigned received = received_events(fd);
