@@ -171,6 +171,12 @@ TEST_F(BTree, EqualKeysAreNotRejected) {
     EXPECT_EQ(m_tree.erase(2), nullptr);
 }
 
+TEST_F(BTree, KeyEqualToOneOfAnInnerNodeGoesToItsRight) {
+    insertAll(1, 8);
+    insertAll(4, 4);
+    EXPECT_EQ(shape(), "(4 (1 2 3) (4 5 6 7 8))");
+}
+
 TEST_F(BTree, ManyEqualKeysAllComeOutAgain) {
     insertAll(1, 20);
     for (int i = 0; i < 100; ++i) ASSERT_TRUE(m_tree.insert(make(10)));
@@ -522,6 +528,43 @@ TEST_F(BTreeFindHandler, ReturnsNullOnceTheHandlerIsUnbound) {
     ASSERT_EQ(m_tree.erase(m_entry.key), &m_entry);
     EXPECT_EQ(m_tree.findObject(m_entry.key), nullptr);
     EXPECT_EQ(m_tree.find(m_entry.key), nullptr);
+}
+
+/// Looks a record up while another thread takes it out and this one holds its mutex for a while. Returns
+/// whether the lookup got the record though it was out of the table before its mutex was free.
+bool isFoundTooLate() PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+    CBTree tree;
+    SEvent record;
+    record.key = 5;
+    EXPECT_TRUE(tree.insert(&record));
+    bool found = false;
+    std::atomic<bool> erased{false};
+    Plinth::CThreadLite finder(
+        [&tree, &found](Plinth::CThreadLite&) {
+            SEvent* const returned = tree.findSock(5);
+            found = returned != nullptr;
+            if (returned) release(returned);
+        },
+        "finder");
+    Plinth::CThreadLite eraser([&tree, &erased](Plinth::CThreadLite&) { erased = tree.erase(5) != nullptr; },
+                               "eraser");
+    record.mutex.lock();
+    EXPECT_TRUE(finder.createThread());
+    for (int i = 0; i < 50; ++i) Plinth::yieldThread();
+    EXPECT_TRUE(eraser.createThread());
+    for (int i = 0; i < 50; ++i) Plinth::yieldThread();
+    const bool erased_before_free = erased;
+    record.mutex.unlock();
+    finder.destroyThread();
+    eraser.destroyThread();
+    EXPECT_TRUE(erased);
+    return found && erased_before_free;
+}
+
+TEST(BTreeFind, HoldsTheRecordBeforeItGivesTheTableBack) {
+    int too_late = 0;
+    for (int round = 0; round < 200; ++round) too_late += isFoundTooLate() ? 1 : 0;
+    EXPECT_EQ(too_late, 0);
 }
 
 /// Looks records up again and again; counts what it held, and of these the ones that had been removed.
