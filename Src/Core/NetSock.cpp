@@ -20,6 +20,8 @@ namespace Veltro::Ravelo {
 namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
+/// The registry's own mask bit: an application that set it would end the record behind the registry's back.
+constexpr unsigned RESERVED = EventMask::Delete;
 
 CNetHandler* findOwner(std::int64_t owner_id) {
     const CPoolPin pool(poolOfId(owner_id));
@@ -103,16 +105,6 @@ CThreadPool* poolOf(const CPoolPin& pin, const SNetHandlerRecord& handler) {
 
 }  // namespace
 
-int CNetSock::start() {
-    return SocketApi::startup() != 0 ? -1 : startTimeouts();
-}
-
-int CNetSock::startTimeouts() {
-    if (CSockTimer::start() == 0) return 0;
-    SocketApi::cleanup();
-    return -1;
-}
-
 /// Sets the next time-out of a record; t ms, 0 or less means none.
 void CNetSock::reset_timer(SEvent& record, std::int64_t t) {
     SockTrace::resetTimer(record, t);
@@ -122,11 +114,6 @@ void CNetSock::reset_timer(SEvent& record, std::int64_t t) {
     } else if (interval > 0) {
         CSockTimer::Add(record, interval);
     }
-}
-
-void CNetSock::stop() {
-    CSockTimer::stop();
-    SocketApi::cleanup();
 }
 
 // The record's mutex is taken by the lookup or by insertRecord(), which the analysis cannot follow.
@@ -143,6 +130,7 @@ int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask,
     CThreadPool* pool = poolOf(pin, caller);
     if (pool == nullptr) return -1;
     const int timeout_ms = std::max(timeout_us, 0) / 1000;
+    mask &= ~RESERVED;
     SockTrace::registerSock(handler, fd, mask, timeout_ms);
 
     CBTree& sockets = pool->sockets();
@@ -200,6 +188,7 @@ int CNetSock::UnregisterSock(CNetHandler& handler, CSock& sock,
     CPoolPin pin(poolOfId(caller.id()));
     CThreadPool* pool = poolOf(pin, caller);
     if (pool == nullptr) return -1;
+    mask &= ~RESERVED;
     SockTrace::unregisterSock(handler, fd, mask);
     SEvent* record = fd < 0 ? nullptr : pool->sockets().findSock(fd);
     if (record == nullptr) return 0;

@@ -21,10 +21,6 @@ struct SNetHandlerRecord;
 /// mutex.
 class CNetSock {
 public:
-    /// Starts the system's socket layer and the time-outs; 0 or -1.
-    static int start();
-    static void stop();
-
     /// See CNetHandler's operations of the same names; the handler given is the caller and becomes the owner.
     static int RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask, int timeout_us);
     static int UnregisterSock(CNetHandler& handler, CSock& sock, unsigned mask);
@@ -38,7 +34,6 @@ public:
     static void freeRecord(SKeyedEntry* entry);
 
 private:
-    static int startTimeouts();
     static void reset_timer(SEvent& record, std::int64_t t);
     static bool modify_exist_event(CThreadPool& pool, SEvent& record, const SNetHandlerRecord& caller,
                                    unsigned mask, int timeout_ms) PLINTH_REQUIRES(record.mutex);

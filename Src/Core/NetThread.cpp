@@ -5,13 +5,14 @@
 
 #include "Core/EventPool.h"
 #include "Core/Message.h"
-#include "Core/NetSock.h"
 #include "Core/NetThreadState.h"
 #include "Core/NetTimer.h"
 #include "Core/PoolTable.h"
+#include "Core/SockTimer.h"
 #include "Debug/SockDump.h"
 #include "Log.h"
 #include "R3/R3Control.h"
+#include "Socket/SocketApi.h"
 #include "Socket/SslSetup.h"
 #include "Tool/FileThreads.h"
 #include "Tool/RecvThreads.h"
@@ -51,27 +52,36 @@ void destroyPool(int number) {
     CMessage::dropIo(number);
 }
 
+/// The system's socket layer, and the time-outs on it.
+int startSocketLayer() {
+    if (SocketApi::startup() != 0) return -1;
+    if (CSockTimer::start() == 0) return 0;
+    SocketApi::cleanup();
+    return -1;
+}
+
 /// Undoes what a failed first initialisation has started.
-int undoServices(bool timers) {
-    if (timers) CNetTimer::stop();
-    CNetSock::stop();
+int undoServices() {
+    CNetTimer::stop();
+    CSockTimer::stop();
+    SocketApi::cleanup();
     return -1;
 }
 
 int initialise(SNetThreadState& state, unsigned thread_num) PLINTH_REQUIRES(state.mutex) {
     CTsMemory::InitStaticVal();
     state.processors = Plinth::getProcessorCount();
-    if (CNetSock::start() != 0) {
+    if (startSocketLayer() != 0) {
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "CNetThread::check_on_init, CNetSock init environment failed!\n");
         return -1;
     }
     if (CNetTimer::start() != 0) {
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "CNetThread::check_on_init, CNetTimer init failed!\n");
-        return undoServices(false);
+        return undoServices();
     }
     RecvThreads::start(state.processors, state.recv_settings.priority, state.recv_settings.policy,
                        state.recv_settings.param);
-    if (!createPool(state, 0, thread_num)) return undoServices(true);
+    if (!createPool(state, 0, thread_num)) return undoServices();
     state.pool_count = 1;
     ++state.sm_pub_pool_ref;
     SslSetup::start();
@@ -103,7 +113,7 @@ int refuseMissing(int number) {
 void shutDown(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
     RecvThreads::stop();
     CNetTimer::stop();
-    CNetSock::stop();
+    CSockTimer::stop();
     destroyPool(0);
     state.sm_pub_pool_ref = 0;
     if (state.file_threads) FileThreads::stop();
@@ -111,6 +121,7 @@ void shutDown(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
     CTsMemory::DestroyMemPool();
     CEventPool::destroy();
     SslSetup::stop();
+    SocketApi::cleanup();
     state.pool_count = -1;
 }
 

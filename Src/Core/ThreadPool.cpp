@@ -62,13 +62,16 @@ CThreadPool::CThreadPool(unsigned number, unsigned thread_num, const SThreadSett
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "Invalid thread num 0, Please check it!\n");
     }
     m_queue.setWaiter(&m_multiplexer, m_thread_count);
-    if (m_multiplexer.Init() != 0) {
+    m_multiplexer_works = m_multiplexer.Init() == 0;
+    if (!m_multiplexer_works) {
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "socket mutiplexer init fail, Please check it!\n");
     }
 }
 
 CThreadPool::~CThreadPool() {
     free_queued();
+    // The table frees its records but for descriptor 0.
+    if (SKeyedEntry* standard_input = m_sockets.erase(0)) CNetSock::freeRecord(standard_input);
     CEventPool::put(m_reactor_token);
 }
 
@@ -78,7 +81,8 @@ void CThreadPool::start() {
         [this](Plinth::CThreadLite& self) { DaemonThreadProc(self); }, daemon_name.c_str());
     m_daemon->createThread();
 
-    m_queue.push(m_reactor_token);
+    // Without a multiplexer nobody can wait for sockets; messages and timers still run.
+    if (m_multiplexer_works) m_queue.push(m_reactor_token);
     m_queue.push(getRecord(EVENT_KEY_SERIAL_TOKEN));
 
     const std::string name = poolName(m_number);

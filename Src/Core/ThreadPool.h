@@ -113,6 +113,7 @@ private:
     CBTree m_objects;
     CBTree m_sockets;
     CMultiplexer m_multiplexer;
+    bool m_multiplexer_works = false;
     CEventQueue m_queue;
     CEventQueue m_serial_queue;
 };
