@@ -52,7 +52,6 @@ TEST(SocketApi, ErrorTextsKeepTheLastError) {
 }
 
 TEST(SocketApi, TryAgainIsWouldBlockInterruptedAndEleven) {
-    CSockStream stream;
     SSocketPair pair;
     char byte = 0;
     ASSERT_EQ(-1, SocketApi::recv(pair.client.GetHandle(), &byte, 1));
