@@ -16,6 +16,9 @@ static_assert(offsetof(iovec, iov_base) == offsetof(WSABUF, buf));
 
 namespace {
 
+/// The most elements of one gathered call that every Windows takes.
+constexpr int kMaxElements = 1024;
+
 /// The system's handle; its numbers fit 32 bits.
 SOCKET toSocket(int fd) {
     return fd < 0 ? INVALID_SOCKET : static_cast<SOCKET>(fd);
@@ -53,8 +56,11 @@ void cleanup() {
 }
 
 int create(int family, int type, int protocol) {
-    return fromSocket(
+    const int fd = fromSocket(
         WSASocketW(family, type, protocol, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
+    // IPv4-mapped addresses work on IPv6 sockets, as on other platforms.
+    if (fd >= 0 && family == AF_INET6) setOption(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);
+    return fd;
 }
 
 int close(int fd) {
@@ -75,6 +81,10 @@ int listen(int fd, int backlog) {
 }
 
 int connect(int fd, const sockaddr* addr, int length) {
+    if (addr != nullptr && addr->sa_family == AF_UNSPEC) {
+        WSASetLastError(WSAEAFNOSUPPORT);
+        return -1;
+    }
     return ::connect(toSocket(fd), addr, length);
 }
 
@@ -99,6 +109,13 @@ int send(int fd, const char* data, unsigned length) {
 }
 
 int sendV(int fd, const iovec* elements, int count) {
+    if (count > kMaxElements) {
+        int type = 0;
+        if (getOption(fd, SOL_SOCKET, SO_TYPE, &type) != 0) return -1;
+        // A stream sends the first ones that hold something; a datagram is whole or fails.
+        for (; type == SOCK_STREAM && count > kMaxElements && elements->iov_len == 0; --count) ++elements;
+        if (type == SOCK_STREAM) count = std::min(count, kMaxElements);
+    }
     auto* buffers = reinterpret_cast<WSABUF*>(const_cast<iovec*>(elements));
     DWORD sent = 0;
     const int result = WSASend(toSocket(fd), buffers, static_cast<DWORD>(count), &sent, 0, nullptr, nullptr);
