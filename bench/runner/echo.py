@@ -99,8 +99,6 @@ def show_row(row, servers, results):
 
 def show_ratios(servers, all_results):
     """The summary: per row and server, requests/s and CPU per request relative to raw epoll."""
-    if BASE not in servers:
-        return
     for key, title in (("rps", "requests/s / epoll (more is better)"),
                        ("cpu_us", "CPU per request / epoll (less is better)")):
         lines = [[name, *(table.ratio(results.values(server, key), results.values(BASE, key))
@@ -124,6 +122,8 @@ def show_quiet(programs, servers, placement, options):
 
 def run(programs, options):
     servers = built_servers(programs)
+    if BASE not in servers:
+        return
     summaries = []
     for placement in PLACEMENTS:
         print(f"== echo: {placement.title}\n")

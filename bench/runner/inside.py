@@ -5,6 +5,7 @@ from .process import run_json
 
 BOTH = (0, 1)
 MESSAGE_LIBRARIES = ["queue", "ravelo", "asio", "libuv"]
+MESSAGE_BASE = "queue"
 SCENARIOS = {
     "post": "one thread to one handler, one worker",
     "chain": "a handler to itself, one worker",
@@ -16,11 +17,12 @@ TIMER_LIBRARIES = ["ravelo", "libevent", "asio"]
 TIMER_BASE = "libevent"
 
 
-def _built(programs, kind, libraries):
+def _built(programs, kind, libraries, base):
+    """The libraries whose program is there; none if the one that ratios refer to is not."""
     found = [name for name in libraries if (programs / f"{kind}_{name}").exists()]
     for name in sorted(set(libraries) - set(found)):
         print(f"! {kind}_{name} is not built and is left out\n")
-    return found
+    return found if base in found else []
 
 
 def _rounds(libraries, rounds, measure):
@@ -42,24 +44,24 @@ def _trip(values):
 
 
 def run_messages(programs, options):
-    libraries = _built(programs, "message", MESSAGE_LIBRARIES)
+    libraries = _built(programs, "message", MESSAGE_LIBRARIES, MESSAGE_BASE)
     print("== message: ratios are messages/s to those of a mutex and a condition variable\n")
-    for scenario, title in SCENARIOS.items():
+    for scenario, title in SCENARIOS.items() if libraries else ():
         runs = _rounds(libraries, options.rounds,
                        lambda name: run_json([programs / f"message_{name}", scenario], BOTH, 120))
         lines = [[name, table.spread(_values(runs, name, "per_second")),
                   table.number(table.median(_values(runs, name, "cpu_ns"))),
                   *(_trip(_values(runs, name, key)) for key in ("p50_us", "p99_us")),
-                  table.ratio(_values(runs, name, "per_second"), _values(runs, "queue", "per_second"))]
+                  table.ratio(_values(runs, name, "per_second"), _values(runs, MESSAGE_BASE, "per_second"))]
                  for name in libraries]
         table.show([f"{scenario}: {title}", "messages/s (min .. max)", "CPU ns", "trip p50 us", "trip p99 us",
                     "ratio"], lines)
 
 
 def run_timers(programs, options):
-    libraries = _built(programs, "timer", TIMER_LIBRARIES)
+    libraries = _built(programs, "timer", TIMER_LIBRARIES, TIMER_BASE)
     print(f"== timer: ratios are to {TIMER_BASE} (less is better)\n")
-    for count in options.timers:
+    for count in options.timers if libraries else ():
         for order in ("armed", "reverse", "random"):
             runs = _rounds(libraries, options.rounds,
                            lambda name: run_json([programs / f"timer_{name}", count, order, options.timer_seconds],
