@@ -8,6 +8,7 @@ import contextlib
 import os
 import random
 import resource
+import select
 import shutil
 import signal
 import socket
@@ -146,13 +147,35 @@ def SilentClientHarmsNobodyElse(options):
         assert netcat(options, echo.port, b"not silent\n") == b"not silent\n"
 
 
+def stuff(stream, block):
+    """Sends a block over and over, until nobody has taken a byte for half a second: how many were sent."""
+    stream.setblocking(False)
+    sent = 0
+    while select.select([], [stream], [], 0.5)[1]:
+        sent += stream.send(block[sent % len(block):])
+        assert sent < 1_000_000_000, "the server hoards what its client does not take back"
+    stream.setblocking(True)
+    stream.settimeout(PATIENCE)
+    return sent
+
+
+def ClientThatReadsLateHarmsNobodyElse(options):
+    block = random.Random(1).randbytes(65536)
+    with server(options) as echo, undisturbed(echo) as polite, echo.connect() as stream:
+        sent = stuff(stream, block)
+        exchange(polite, b"in the meantime\n")
+        received = 0
+        while received < sent:
+            part = stream.recv(65536 - received % 65536)
+            assert part and part == block[received % 65536:][:len(part)], f"wrong after {received} bytes"
+            received += len(part)
+        print(f"{sent} bytes came back late, but came back")
+
+
 def ClientThatNeverReadsHarmsNobodyElse(options):
-    with server(options) as echo, undisturbed(echo), echo.connect() as stream:
-        stream.setblocking(False)
-        with contextlib.suppress(BlockingIOError):
-            while True:
-                stream.send(b"x" * 65536)
-        assert netcat(options, echo.port, b"others do\n") == b"others do\n"
+    with server(options) as echo, undisturbed(echo) as polite, echo.connect() as stream:
+        stuff(stream, b"x" * 65536)
+        exchange(polite, b"in the meantime\n")
 
 
 def FiveThousandConnectionsHarmNobodyElse(options):
