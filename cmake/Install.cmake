@@ -1,7 +1,11 @@
 # What leaves the tree: exported names, installed files, package descriptions.
 
 # Classes of the standard library that the compiler instantiates inside our code stay inside.
-if(NOT WIN32)
+if(WIN32)
+    # Without this a library that marks nothing for export would export everything.
+    target_link_options(Plinthmd PRIVATE -Wl,--exclude-all-symbols)
+    target_link_options(Ravelomd_ssl PRIVATE -Wl,--exclude-all-symbols)
+else()
     foreach(library Plinthmd Ravelomd_ssl)
         target_link_options(${library} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
         set_target_properties(${library} PROPERTIES

@@ -55,5 +55,6 @@ say "Stopping the server"
 kill -TERM "$server"
 wait "$server"
 server=
-cat "$scratch/output" "$scratch/log"
+tail -n 1 "$scratch/output"
+cat "$scratch/log"
 say "Every byte came back."
