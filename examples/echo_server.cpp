@@ -99,7 +99,8 @@ int serve(unsigned short port, int connection_pool, CLiveHandlers& live) {
     if (started) {
         std::printf("listening on 127.0.0.1:%d\n", where.GetPort());
         std::fflush(stdout);
-        while (stop_requested == 0) Plinth::sleepMilliSecond(100);
+        Plinth::CSemaphore never;  // a signal may not post one, so its flag is looked at now and then
+        while (stop_requested == 0) never.pend(100'000);
     }
     acceptor->Stop();
     live.WaitForNone();

@@ -35,11 +35,12 @@ class Program:
         return self
 
     def __exit__(self, failure, *_):
-        if failure:
+        try:
+            if not failure:
+                self.end()
+        finally:
             self.process.kill()
             self.process.wait()
-        else:
-            self.end()
 
     def end(self):
         self.process.send_signal(signal.SIGINT)
