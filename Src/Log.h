@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstddef>
-#include <source_location>
 #include <string_view>
 
 namespace Veltro::Ravelo {
@@ -59,13 +58,20 @@ inline int logThreadId() {
 
 }  // namespace Veltro::Ravelo
 
+// The full description of the function around it. Not std::source_location, which clang 14 lacks.
+#if defined(_MSC_VER)
+#define RAVELO_FUNCTION_DESCRIPTION __FUNCSIG__
+#else
+#define RAVELO_FUNCTION_DESCRIPTION __PRETTY_FUNCTION__
+#endif
+
 // The two forms of a log line; the prefixes are part of the format.
 #define RAVELO_LOG_WITH(level, prefix_format, prefix_value, format, ...)                                     \
     do {                                                                                                     \
         if (::Veltro::Plinth::isLogEnabled(level)) {                                                         \
             static constexpr auto ravelo_file = ::Veltro::Ravelo::sourceName(__FILE__);                      \
             static constexpr auto ravelo_function =                                                          \
-                ::Veltro::Ravelo::qualifiedName(std::source_location::current().function_name());            \
+                ::Veltro::Ravelo::qualifiedName(RAVELO_FUNCTION_DESCRIPTION);                                \
             ::Veltro::Plinth::logFilter(                                                                     \
                 level, "Unknown", ravelo_file.text.data(), ravelo_function.text.data(), __LINE__, "Unknown", \
                 "[%s:%d] " prefix_format "tid:%d, " format, ravelo_file.text.data(), __LINE__ prefix_value,  \
@@ -84,13 +90,13 @@ inline int logThreadId() {
 #define RAVELO_LOG_THIS(level, format, ...) \
     RAVELO_LOG_WITH(level, "this:%p ", RAVELO_COMMA_THIS, format __VA_OPT__(, ) __VA_ARGS__)
 
-#define RAVELO_ASSERT(expression)                                                                 \
-    do {                                                                                          \
-        if (!(expression)) {                                                                      \
-            static constexpr auto ravelo_file = ::Veltro::Ravelo::sourceName(__FILE__);           \
-            static constexpr auto ravelo_function =                                               \
-                ::Veltro::Ravelo::qualifiedName(std::source_location::current().function_name()); \
-            ::Veltro::Ravelo::assertFailed(#expression, ravelo_file.text.data(),                  \
-                                           ravelo_function.text.data(), __LINE__);                \
-        }                                                                                         \
+#define RAVELO_ASSERT(expression)                                                       \
+    do {                                                                                \
+        if (!(expression)) {                                                            \
+            static constexpr auto ravelo_file = ::Veltro::Ravelo::sourceName(__FILE__); \
+            static constexpr auto ravelo_function =                                     \
+                ::Veltro::Ravelo::qualifiedName(RAVELO_FUNCTION_DESCRIPTION);           \
+            ::Veltro::Ravelo::assertFailed(#expression, ravelo_file.text.data(),        \
+                                           ravelo_function.text.data(), __LINE__);      \
+        }                                                                               \
     } while (false)

@@ -2,7 +2,8 @@
 #include <Plinth/Mutex.h>
 
 #include <cstring>
-#include <utility>
+
+#include "Immortal.h"
 
 namespace Veltro::Plinth {
 
@@ -12,11 +13,14 @@ struct SRegistry {
     std::shared_ptr<IConsole> console PLINTH_GUARDED_BY(mutex);
 };
 
+// Never destroyed: a host that joins its threads must not go while the library is being unloaded.
 SRegistry& registry() {
-    static SRegistry instance;
-    return instance;
+    static TImmortal<SRegistry> instance;
+    return instance.get();
 }
 }  // namespace
+
+IConsole::~IConsole() = default;
 
 std::shared_ptr<IConsole> CComponentRegistry::getConsole(const char* server) {
     if (server == nullptr || std::strcmp(server, COMPONENT_SERVER_LOCAL) != 0) return nullptr;
@@ -25,9 +29,12 @@ std::shared_ptr<IConsole> CComponentRegistry::getConsole(const char* server) {
 }
 
 void CComponentRegistry::setConsole(std::shared_ptr<IConsole> console) {
-    // The former host's destructor may call back into the registry, so it runs after the lock is given back.
-    CLockGuard guard(registry().mutex);
-    registry().console.swap(console);
+    {
+        CLockGuard guard(registry().mutex);
+        registry().console.swap(console);
+    }
+    // The former host's destructor may call the registry, so it runs without the lock.
+    console.reset();
 }
 
 }  // namespace Veltro::Plinth

@@ -6,9 +6,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
-#include <string>
+#include <new>
 #include <utility>
 
+#include "Immortal.h"
 #include "LastErrorKeeper.h"
 
 namespace Veltro::Plinth {
@@ -28,14 +29,13 @@ struct SSinkSlot {
     std::shared_ptr<SSinkEntry> entry PLINTH_GUARDED_BY(mutex);
 };
 
-/// Never destroyed: lines may be logged while the process's statics go.
 SSinkSlot& sinkSlot() {
-    static auto* instance = new SSinkSlot;
-    return *instance;
+    static TImmortal<SSinkSlot> instance;
+    return instance.get();
 }
 
-/// How many sinks the calling thread is inside of.
-thread_local int t_sink_depth = 0;
+/// Whether the calling thread is inside of a sink.
+thread_local bool t_in_sink = false;
 
 std::shared_ptr<SSinkEntry> enterSink() {
     CLockGuard guard(sinkSlot().mutex);
@@ -43,17 +43,31 @@ std::shared_ptr<SSinkEntry> enterSink() {
     return sinkSlot().entry;
 }
 
+/// Returns whether the sink took the line.
+bool callSink(SSinkEntry& entry, int level, const char* file, const char* function, int line,
+              const char* message) {
+    bool taken = true;
+    t_in_sink = true;
+    try {
+        entry.sink(level, file, function, line, message);
+    } catch (...) {
+        taken = false;
+    }
+    t_in_sink = false;
+    entry.calls.fetch_sub(1);
+    return taken;
+}
+
+const char* textOrEmpty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
 void deliver(int level, const char* file, const char* function, int line, const char* message) {
     // A line logged by a sink would come back to it without end.
-    const auto entry = t_sink_depth == 0 ? enterSink() : nullptr;
-    if (!entry) {
+    const auto entry = t_in_sink ? nullptr : enterSink();
+    if (!entry || !callSink(*entry, level, textOrEmpty(file), textOrEmpty(function), line, message)) {
         std::fputs(message, stderr);
-        return;
     }
-    ++t_sink_depth;
-    entry->sink(level, file, function, line, message);
-    --t_sink_depth;
-    entry->calls.fetch_sub(1);
 }
 
 void formatAndDeliver(int level, const char* file, const char* function, int line, const char* format,
@@ -65,27 +79,43 @@ void formatAndDeliver(int level, const char* file, const char* function, int lin
     std::va_list again;
     va_copy(again, values);
     const int length = std::vsnprintf(short_text, sizeof short_text, format, values);
-    if (length >= 0 && static_cast<std::size_t>(length) < sizeof short_text) {
-        deliver(level, file, function, line, short_text);
-    } else if (length >= 0) {
-        std::string long_text(static_cast<std::size_t>(length) + 1, '\0');
-        std::vsnprintf(long_text.data(), long_text.size(), format, again);
-        deliver(level, file, function, line, long_text.c_str());
+    std::unique_ptr<char[]> long_text;
+    if (length >= static_cast<int>(sizeof short_text)) {
+        const auto size = static_cast<std::size_t>(length) + 1;
+        long_text.reset(new (std::nothrow) char[size]);
+        if (long_text) std::vsnprintf(long_text.get(), size, format, again);
     }
     va_end(again);
+    // What cannot be formatted is worth more as it stands than not at all.
+    const char* text = length < 0 ? format : long_text ? long_text.get() : short_text;
+    deliver(level, file, function, line, text);
+}
+
+/// An entry for the sink; null when the sink is empty or there is no memory for one.
+std::shared_ptr<SSinkEntry> makeEntry(LogSink&& sink) {
+    if (!sink) return nullptr;
+    try {
+        auto entry = std::make_shared<SSinkEntry>();
+        entry->sink = std::move(sink);
+        return entry;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 }  // namespace
 
 void setLogSink(LogSink sink) {
-    auto entry = std::make_shared<SSinkEntry>();
-    entry->sink = std::move(sink);
-    if (!entry->sink) entry.reset();
+    auto entry = makeEntry(std::move(sink));
     {
         CLockGuard guard(sinkSlot().mutex);
         sinkSlot().entry.swap(entry);
     }
-    while (entry && t_sink_depth == 0 && entry->calls.load() > 0) sleepMilliSecond(1);
+    // Inside of a sink the wait could be for the caller itself.
+    if (!entry || t_in_sink) return;
+    while (entry->calls.load() > 0) sleepMilliSecond(1);
+    // Another thread may hold the entry a moment longer, but what the sink captured goes here.
+    entry->sink = nullptr;
 }
 
 void setLogLevel(int level) {
@@ -98,7 +128,7 @@ bool isLogEnabled(int level) {
 
 void logFilter(int level, const char*, const char* file, const char* function, int line, const char*,
                const char* format, ...) {
-    if (!isLogEnabled(level)) return;
+    if (!isLogEnabled(level) || format == nullptr) return;
     const CLastErrorKeeper keeper;
     std::va_list values;
     va_start(values, format);
@@ -107,7 +137,7 @@ void logFilter(int level, const char*, const char* file, const char* function, i
 }
 
 void logInfo(const char* format, ...) {
-    if (!isLogEnabled(LOG_LEVEL_PLAIN)) return;
+    if (!isLogEnabled(LOG_LEVEL_PLAIN) || format == nullptr) return;
     const CLastErrorKeeper keeper;
     std::va_list values;
     va_start(values, format);

@@ -2,6 +2,9 @@
 #include <Plinth/ThreadManager.h>
 
 #include <map>
+#include <new>
+
+#include "Immortal.h"
 
 namespace Veltro::Plinth {
 
@@ -11,22 +14,30 @@ struct SThreadTable {
     std::map<unsigned long, std::string> names PLINTH_GUARDED_BY(mutex);
 };
 
-/// Never destroyed: threads may end after the statics of other files have gone.
 SThreadTable& table() {
-    static auto* instance = new SThreadTable;
-    return *instance;
+    static TImmortal<SThreadTable> instance;
+    return instance.get();
 }
 }  // namespace
 
 std::string CThreadManager::getThreadNameByID(unsigned long thread_id) {
-    CLockGuard guard(table().mutex);
-    const auto found = table().names.find(thread_id);
-    return found == table().names.end() ? std::string() : found->second;
+    try {
+        CLockGuard guard(table().mutex);
+        const auto found = table().names.find(thread_id);
+        if (found != table().names.end()) return found->second;
+    } catch (const std::bad_alloc&) {
+        // As a thread without a name.
+    }
+    return {};
 }
 
 void CThreadManager::addThread(unsigned long thread_id, const char* name) {
-    CLockGuard guard(table().mutex);
-    table().names[thread_id] = name;
+    try {
+        CLockGuard guard(table().mutex);
+        table().names[thread_id] = name;
+    } catch (const std::bad_alloc&) {
+        // The thread runs all the same, without a name.
+    }
 }
 
 void CThreadManager::removeThread(unsigned long thread_id) {

@@ -9,9 +9,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <ctime>
-#include <memory>
+#include <limits>
+#include <new>
 
+#include "LastErrorKeeper.h"
 #include "ThreadSystem.h"
 
 namespace Veltro::Plinth {
@@ -31,15 +34,57 @@ void* trampoline(void* opaque) {
     return nullptr;
 }
 
-/// 1..127 with 64 normal, to the system's 19..-20 with 0 normal.
-int niceOf(int priority) {
-    const int step = std::clamp(priority, 1, 127) - PRIORITY_NORMAL;
+/// 1..127 with 64 normal, to the steps 19..-20 around the process's own nice value.
+int niceStepOf(int priority) {
+    const int step = std::clamp<int>(priority, PRIORITY_LOWEST, PRIORITY_HIGHEST) - PRIORITY_NORMAL;
     return step < 0 ? -step * 19 / 63 : -step * 20 / 63;
+}
+
+/// A new thread inherits its creator's policy; the main thread's is the process's own.
+void useProcessPolicy() {
+    const int policy = sched_getscheduler(getpid());
+    sched_param parameter{};
+    if (policy < 0 || policy == sched_getscheduler(0)) return;
+    if (sched_getparam(getpid(), &parameter) == 0) sched_setscheduler(0, policy, &parameter);
+}
+
+void useNiceStep(int step) {
+    const auto self = static_cast<id_t>(getCurrentThreadId());
+    const int wanted = std::clamp(getpriority(PRIO_PROCESS, static_cast<id_t>(getpid())) + step, -20, 19);
+    if (wanted != getpriority(PRIO_PROCESS, self)) setpriority(PRIO_PROCESS, self, wanted);
+}
+
+cpu_set_t readProcessors() {
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    // The main thread's, because the caller may have been pinned.
+    if (sched_getaffinity(getpid(), sizeof allowed, &allowed) != 0) CPU_SET(0, &allowed);
+    return allowed;
+}
+
+/// Read once, before a main thread that pins itself narrows the set.
+const cpu_set_t& processors() {
+    static const cpu_set_t allowed = readProcessors();
+    return allowed;
+}
+
+thread_local unsigned long t_thread_id = 0;
+
+/// The one thread of a forked process goes on with another id than it had.
+void forgetThreadId() {
+    t_thread_id = 0;
+}
+
+unsigned long readThreadId() {
+    static const int registered = pthread_atfork(nullptr, nullptr, &forgetThreadId);
+    static_cast<void>(registered);
+    return static_cast<unsigned long>(syscall(SYS_gettid));
 }
 }  // namespace
 
 SHandle* start(Entry entry, void* argument, std::size_t stack_bytes) {
-    auto handle = std::make_unique<SHandle>();
+    auto* handle = new (std::nothrow) SHandle;
+    if (handle == nullptr) return nullptr;
     handle->entry = entry;
     handle->argument = argument;
     pthread_attr_t attributes;
@@ -47,9 +92,11 @@ SHandle* start(Entry entry, void* argument, std::size_t stack_bytes) {
     if (stack_bytes != 0) {
         pthread_attr_setstacksize(&attributes, std::max<std::size_t>(stack_bytes, PTHREAD_STACK_MIN));
     }
-    const int result = pthread_create(&handle->thread, &attributes, &trampoline, handle.get());
+    const int result = pthread_create(&handle->thread, &attributes, &trampoline, handle);
     pthread_attr_destroy(&attributes);
-    return result == 0 ? handle.release() : nullptr;
+    if (result == 0) return handle;
+    delete handle;
+    return nullptr;
 }
 
 void join(SHandle* handle) {
@@ -58,8 +105,11 @@ void join(SHandle* handle) {
 }
 
 void setCurrentName(const char* name) {
-    char shortened[16] = {};  // the kernel keeps 15 characters
-    for (std::size_t i = 0; i + 1 < sizeof shortened && name[i] != '\0'; ++i) shortened[i] = name[i];
+    char shortened[16] = {};  // the kernel keeps 15 bytes
+    std::size_t length = std::min(std::strlen(name), sizeof shortened - 1);
+    // Not in the middle of a character: the bytes 10xxxxxx continue one.
+    while (length > 0 && (static_cast<unsigned char>(name[length]) & 0xC0U) == 0x80U) --length;
+    std::memcpy(shortened, name, length);
     pthread_setname_np(pthread_self(), shortened);
 }
 
@@ -67,31 +117,33 @@ void setCurrentPriority(int priority, int policy) {
     if (policy == POLICY_REALTIME) {
         sched_param parameter{};
         parameter.sched_priority = std::clamp(priority, 1, 99);
-        pthread_setschedparam(pthread_self(), SCHED_RR, &parameter);
-    } else if (priority != PRIORITY_NORMAL) {
-        setpriority(PRIO_PROCESS, static_cast<id_t>(getCurrentThreadId()), niceOf(priority));
+        if (pthread_setschedparam(pthread_self(), SCHED_RR, &parameter) == 0) return;
     }
+    useProcessPolicy();
+    useNiceStep(niceStepOf(priority));
 }
 
 }  // namespace ThreadSystem
 
 unsigned long getCurrentThreadId() {
-    static thread_local const auto thread_id = static_cast<unsigned long>(syscall(SYS_gettid));
-    return thread_id;
+    if (ThreadSystem::t_thread_id == 0) ThreadSystem::t_thread_id = ThreadSystem::readThreadId();
+    return ThreadSystem::t_thread_id;
 }
 
 unsigned getProcessorCount() {
-    cpu_set_t allowed;
-    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return 1;
-    return static_cast<unsigned>(std::max(CPU_COUNT(&allowed), 1));
+    return static_cast<unsigned>(std::max(CPU_COUNT(&ThreadSystem::processors()), 1));
 }
 
 bool pinCurrentThread(unsigned processor) {
-    if (processor >= CPU_SETSIZE) return false;
-    cpu_set_t wanted;
-    CPU_ZERO(&wanted);
-    CPU_SET(processor, &wanted);
-    return pthread_setaffinity_np(pthread_self(), sizeof wanted, &wanted) == 0;
+    const cpu_set_t& allowed = ThreadSystem::processors();
+    for (std::size_t i = 0; i < CPU_SETSIZE; ++i) {
+        if (!CPU_ISSET(i, &allowed) || processor-- > 0) continue;
+        cpu_set_t wanted;
+        CPU_ZERO(&wanted);
+        CPU_SET(i, &wanted);
+        return pthread_setaffinity_np(pthread_self(), sizeof wanted, &wanted) == 0;
+    }
+    return false;
 }
 
 void yieldThread() {
@@ -99,6 +151,8 @@ void yieldThread() {
 }
 
 void sleepMilliSecond(std::int64_t time_ms) {
+    if (time_ms <= 0) return;
+    const CLastErrorKeeper keeper;
     timespec left{time_ms / 1000, time_ms % 1000 * 1'000'000};
     while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
     }

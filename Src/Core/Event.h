@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
 namespace Veltro::Ravelo {
 
@@ -39,10 +40,11 @@ struct SObjectEntry : SKeyedEntry {
 
 struct SEvent;
 
-/// The time-out of a registered socket.
+/// The time-out of a registered socket. The record's mutex guards all but the links, which the list's guards.
 struct SSockTimeout {
     std::int32_t m_set_time = 0;  ///< the interval asked for, ms
     std::int64_t m_time_out = 0;  ///< expiry on the time-out clock, ms; 0 while disarmed
+    bool linked = false;          ///< whether it stands in the time-out list
     SEvent* record = nullptr;     ///< the record this is part of
     SSockTimeout* prev = nullptr;
     SSockTimeout* next = nullptr;
@@ -59,13 +61,16 @@ struct SEvent : SQueueRecord {
     std::int64_t info = 0;
     std::uint32_t type = 0;
 
-    // Sockets.
-    std::int64_t obj_id = 0;  ///< the owner
+    // Sockets. The two atomics are written under the mutex and read without it by the dispatch in progress.
+    std::atomic<std::int64_t> obj_id{0};      ///< the owner
+    std::atomic<std::uint32_t> m_revents{0};  ///< 16 bits; 0 while idle, else what is being dispatched
     std::uint32_t m_event_mask = 0;
-    std::uint32_t m_revents = 0;  ///< 16 bits; 0 while idle, else what is being dispatched
     SSockTimeout timer;
-    std::uint32_t generation = 0;  ///< changes with each arming of the descriptor in a multiplexer
-    std::uint32_t armed = 0;       ///< what the multiplexer waits for at present, its own bits
+    std::shared_ptr<std::atomic<std::int64_t>>
+        owner_sockets;        ///< the owner's count, which may outlive the owner
+    std::uint32_t armed = 0;  ///< the multiplexer's own bits: what it waits for at present
+    std::uint32_t generation =
+        0;  ///< tells this arming of the descriptor from earlier ones of the same number
 };
 
 }  // namespace Veltro::Ravelo

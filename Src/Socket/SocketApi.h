@@ -29,6 +29,8 @@ int getPeerName(int fd, sockaddr* addr, int* length);
 
 /// Each sends or receives once: bytes moved, or -1 with lastError(). Never raises SIGPIPE.
 int send(int fd, const char* data, unsigned length);
+/// One gathered call, which on a datagram socket is one datagram. Of more elements than the system takes at
+/// once a stream sends the first ones; a datagram socket fails.
 int sendV(int fd, const iovec* elements, int count);
 int recv(int fd, char* buffer, unsigned length);
 
@@ -54,11 +56,18 @@ int resetError();
 /// Use as errorText(error).data() within one expression.
 std::array<char, 512> errorText(int error);
 
+/// The text for a result of getaddrinfo() or getnameinfo(), on the same terms.
+std::array<char, 512> resolverErrorText(int result);
+/// The number of "the caller's buffer is too small" on this platform.
+int bufferTooSmallError();
+/// The index of a network interface by its name; 0 if there is none.
+unsigned interfaceIndex(const char* name);
+
 /// What waitOne() waits for and reports; bits.
 enum : unsigned { WAIT_READ = 1, WAIT_WRITE = 2, WAIT_EXCEPT = 4 };
 /// Waits on one socket, of any descriptor number, for at most timeout_us microseconds (negative counts as 0).
 /// @param ready receives the bits that are ready. Urgent data or, on Windows, a failed connect is an
-/// exception.
+/// exception; an error or a hang-up makes the socket readable and writable.
 /// @return 1 ready, 0 timed out, -1 failed with lastError(), also for a descriptor that is no socket.
 int waitOne(int fd, unsigned wanted, std::int64_t timeout_us, unsigned* ready);
 

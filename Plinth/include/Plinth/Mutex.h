@@ -9,15 +9,16 @@ namespace Veltro::Plinth {
 
 /// A mutual-exclusion lock, not recursive.
 ///
-/// Any thread may lock it; the thread that locked it unlocks it. A contended lock() first spins for about a
-/// microsecond, because the critical sections of a reactor are shorter than a system call.
+/// Any thread may lock it; the thread that locked it unlocks it. It must be free when it is destroyed. A
+/// contended lock() first spins for about a microsecond, because most critical sections here are shorter than
+/// a system call.
 class PLINTH_CAPABILITY("mutex") CMutex {
 public:
     CMutex() = default;
     CMutex(const CMutex&) = delete;
     CMutex& operator=(const CMutex&) = delete;
 
-    /// Waits until the lock is free, then takes it.
+    /// Waits until the lock is free, then takes it. May block.
     void lock() PLINTH_ACQUIRE() {
         if (!m_mutex.try_lock()) lockContended();
     }

@@ -12,3 +12,4 @@
 #include <Plinth/Thread.h>
 #include <Plinth/ThreadManager.h>
 #include <Plinth/Time.h>
+#include <Plinth/TypeName.h>

@@ -1,27 +1,35 @@
 #pragma once
 
+#include <Plinth/Defs.h>
 #include <Plinth/ThreadAnnotations.h>
 
-#include <shared_mutex>
+#include <cstddef>
 
 namespace Veltro::Plinth {
 
-/// A lock that many readers share or one writer holds alone; not recursive in either form.
-class PLINTH_CAPABILITY("mutex") CReadWriteMutex {
+/// A lock that many readers share or one writer holds alone.
+///
+/// Any thread may take it; the thread that took it gives it back. Not recursive in either form: readers that
+/// come after a waiting writer wait behind it, so a thread that reads twice may wait for itself. Making one
+/// takes no memory and cannot fail. It must be free when it is destroyed.
+class PLINTH_API PLINTH_CAPABILITY("mutex") CReadWriteMutex {
 public:
-    CReadWriteMutex() = default;
+    CReadWriteMutex();
+    ~CReadWriteMutex();
     CReadWriteMutex(const CReadWriteMutex&) = delete;
     CReadWriteMutex& operator=(const CReadWriteMutex&) = delete;
 
     /// Waits until no reader and no writer is left, then holds the lock alone.
-    void enterWrite() PLINTH_ACQUIRE() { m_mutex.lock(); }
-    void leaveWrite() PLINTH_RELEASE() { m_mutex.unlock(); }
-    /// Waits until no writer is left, then shares the lock with other readers.
-    void enterRead() PLINTH_ACQUIRE_SHARED() { m_mutex.lock_shared(); }
-    void leaveRead() PLINTH_RELEASE_SHARED() { m_mutex.unlock_shared(); }
+    void enterWrite() PLINTH_ACQUIRE();
+    /// Gives back what enterWrite() took.
+    void leaveWrite() PLINTH_RELEASE();
+    /// Waits until no writer holds the lock or waits for it, then shares it with other readers.
+    void enterRead() PLINTH_ACQUIRE_SHARED();
+    /// Gives back what enterRead() took.
+    void leaveRead() PLINTH_RELEASE_SHARED();
 
 private:
-    std::shared_mutex m_mutex;
+    alignas(8) std::byte m_storage[56];  // the platform's lock
 };
 
 /// Holds a CReadWriteMutex for writing from construction to destruction.

@@ -6,10 +6,11 @@
 
 namespace Veltro::Plinth {
 
-/// The process's table of named threads: every running CThread stands in it. Any thread may call.
+/// The process's table of named threads: a CThread stands in it while its body runs. Any thread may call.
 class PLINTH_API CThreadManager {
 public:
-    /// The name of a running thread, or an empty text when the id belongs to no CThread.
+    /// The name of a running thread, whole; empty when the id belongs to no running CThread or memory is
+    /// short.
     static std::string getThreadNameByID(unsigned long thread_id);
 
 private:

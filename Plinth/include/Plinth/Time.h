@@ -6,7 +6,8 @@
 
 namespace Veltro::Plinth {
 
-/// The steady clock: never set back, not related to the time of day. Any thread may call.
+/// The steady clock: never set back, the same on every thread, not related to the time of day. Any thread may
+/// call; nothing blocks.
 class PLINTH_API CTime {
 public:
     /// Microseconds since a fixed moment in the past.

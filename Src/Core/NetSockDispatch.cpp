@@ -1,0 +1,103 @@
+// The dispatch side of the socket registry: what happens to a record that fired.
+
+#include <Ravelo/NetHandler.h>
+
+#include "Core/CurrentObject.h"
+#include "Core/NetSock.h"
+#include "Core/SockTimer.h"
+#include "Core/SockTrace.h"
+#include "Core/ThreadPool.h"
+
+namespace Veltro::Ravelo {
+
+namespace {
+
+constexpr auto relaxed = std::memory_order_relaxed;
+constexpr unsigned TIMEOUTS = VL_POLLIN_TIMEOUT | VL_POLLOUT_TIMEOUT;
+
+/// What arrived is read anew before each callback: the one before may have removed the socket.
+bool has(const SEvent& record, unsigned event) {
+    return (record.m_revents.load(relaxed) & event) != 0;
+}
+
+int handleNet(CNetHandler& owner, const SEvent& record) {
+    const int fd = static_cast<int>(record.key);
+    if (has(record, VL_POLLERR)) return owner.handle_exception(fd);
+    int result = -1;
+    if (has(record, VL_POLLIN)) result = owner.handle_input(fd);
+    if (has(record, VL_POLLOUT)) result = owner.handle_output(fd);
+    return result;
+}
+
+/// A time-out is one-shot whatever its callback returns: the owner must register again to get another.
+int handleTimeout(CNetHandler& owner, const SEvent& record) {
+    const int fd = static_cast<int>(record.key);
+    if (has(record, VL_POLLIN_TIMEOUT)) {
+        owner.handle_input_timeout(fd);
+    } else if (has(record, VL_POLLOUT_TIMEOUT)) {
+        owner.handle_output_timeout(fd);
+    }
+    return -1;
+}
+
+int callOwner(CThreadPool& pool, CCurrentObject& current, const SEvent& record) {
+    CNetHandler* owner = pool.findHandler(record.obj_id.load(relaxed));
+    if (owner == nullptr) {
+        SockTrace::ownerNotFound(record);
+        return -1;
+    }
+    SockTrace::dispatchBegin(record, *owner);
+    current.set(owner);
+    const int result = has(record, TIMEOUTS) ? handleTimeout(*owner, record) : handleNet(*owner, record);
+    current.set(nullptr);
+    owner->DecRef();
+    return result;
+}
+
+/// The next time-out in ms after a callback returned result microseconds.
+std::int64_t nextTimeout(const SEvent& record, int result) {
+    if (result == 0) return record.timer.m_set_time;
+    return result > 0 ? result / 1000 : result;
+}
+
+}  // namespace
+
+void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEvent& record) {
+    const int result = callOwner(pool, current, record);
+    SockTrace::dispatchEnd(record, result);
+    while (!rearm(pool, record, result)) {
+        if (freeCondemned(pool, record)) return;
+    }
+}
+
+/// Makes a record idle again; false when it is condemned. Freeing needs the table, which is not worth taking
+/// for every event.
+bool CNetSock::rearm(CThreadPool& pool, SEvent& record, int result) {
+    Plinth::CLockGuard guard(record.mutex);
+    if (record.m_event_mask & EventMask::Delete) return false;
+    const bool taken_back = has(record, VL_POLLDEL);
+    record.m_revents.store(VL_NOPOLL, relaxed);
+    pool.multiplexer().add(record);
+    const std::int64_t next_ms = nextTimeout(record, taken_back ? 0 : result);
+    // Nothing to do for the many sockets that have no time-out.
+    if (next_ms > 0 || CSockTimer::isInList(record)) reset_timer(record, next_ms);
+    return true;
+}
+
+/// Frees a condemned record, unless it was registered anew meanwhile.
+bool CNetSock::freeCondemned(CThreadPool& pool, SEvent& record) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+    CBTree& sockets = pool.sockets();
+    sockets.enterWrite();
+    record.mutex.lock();
+    const bool condemned = (record.m_event_mask & EventMask::Delete) != 0;
+    if (condemned) sockets.eraseLocked(record.key);
+    sockets.leaveWrite();
+    if (condemned) {
+        freeErased(record);
+    } else {
+        record.mutex.unlock();
+    }
+    return condemned;
+}
+
+}  // namespace Veltro::Ravelo

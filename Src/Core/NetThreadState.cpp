@@ -1,0 +1,33 @@
+#include "Core/NetThreadState.h"
+
+#include "Core/PoolTable.h"
+
+namespace Veltro::Ravelo {
+
+SNetThreadState& SNetThreadState::get() {
+    static auto* state = new SNetThreadState;  // never destroyed: threads may call while the statics go
+    return *state;
+}
+
+// Conditionally held, which the analysis cannot express.
+CCreationGuard::CCreationGuard(SNetThreadState& state) PLINTH_NO_THREAD_SAFETY_ANALYSIS : m_state(state),
+                                                                                          m_held(true) {
+    const CThreadPool* own = CPoolTable::current();
+    if (own == nullptr) {
+        m_state.mutex.lock();
+        return;
+    }
+    while (!m_state.mutex.tryLock()) {
+        if (own->isStopping()) {
+            m_held = false;
+            return;
+        }
+        Plinth::sleepMilliSecond(1);
+    }
+}
+
+CCreationGuard::~CCreationGuard() PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+    if (m_held) m_state.mutex.unlock();
+}
+
+}  // namespace Veltro::Ravelo

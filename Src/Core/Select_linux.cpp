@@ -1,0 +1,395 @@
+// The multiplexer over epoll.
+//
+// Registrations are level-triggered and stay armed while a socket is dispatched: most dispatches end before
+// the next pass, and then nothing has to be told to the kernel. A pass that meets a socket still in flight
+// silences it; the end of the dispatch arms it again.
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <utility>
+
+#include "Core/Select.h"
+#include "Core/SpinBudget.h"
+#include "Core/WinPipe.h"
+#include "Log.h"
+#include "Socket/SocketApi.h"
+
+#include <Plinth/Time.h>
+
+namespace Veltro::Ravelo {
+
+namespace {
+
+constexpr unsigned INTEREST = EventMask::Read | EventMask::Write | EventMask::Except;
+// Bits of SEvent::armed beyond the interest that the kernel knows.
+constexpr unsigned ARMED_ADDED = 0x100;   // the descriptor stands in the epoll set
+constexpr unsigned ARMED_SILENT = 0x200;  // it stands there without reporting
+constexpr unsigned ARMED_STALE = 0x400;   // the descriptor may name another file by now
+
+constexpr int EVENTS_PER_PASS = 256;
+constexpr std::uint64_t WAKE_TAG = ~std::uint64_t{0};
+/// With records queued, sockets are looked at no more often than this.
+constexpr std::uint64_t BUSY_POLL_INTERVAL_US = 20;
+
+std::uint64_t tagOf(const SEvent& record) {
+    return std::uint64_t{record.generation} << 32 | static_cast<std::uint32_t>(record.key);
+}
+
+std::uint32_t epollEvents(unsigned interest) {
+    std::uint32_t events = 0;
+    if (interest & EventMask::Read) events |= EPOLLIN;
+    if (interest & EventMask::Write) events |= EPOLLOUT;
+    if (interest & EventMask::Except) events |= EPOLLPRI;
+    return events;
+}
+
+/// What a record receives for what epoll reports, by its interest; 0 when nothing it asked for.
+unsigned receivedEvents(std::uint32_t events, unsigned interest) {
+    const bool failed = (events & EPOLLERR) != 0;
+    // A connect that fails is an exception to those who ask for exceptions, as on Windows.
+    const bool failed_connect = failed && (interest & EventMask::Write);
+    if ((interest & EventMask::Except) && ((events & EPOLLPRI) || failed_connect)) return VL_POLLERR;
+    // The next Recv or Send tells what has happened to the socket.
+    const bool ended = failed || (events & EPOLLHUP);
+    unsigned received = VL_NOPOLL;
+    if ((interest & EventMask::Read) && (ended || (events & EPOLLIN))) received |= VL_POLLIN;
+    if ((interest & EventMask::Write) && (ended || (events & EPOLLOUT))) received |= VL_POLLOUT;
+    return received;
+}
+
+/// Watches for events without a record. One is late at most once; if it comes again, it is of a file that the
+/// application closed here but that lives on under another descriptor, and it would come for ever: only the
+/// descriptor that is gone could take it out of the epoll set.
+class COrphanWatch {
+public:
+    void note(std::uint64_t tag) {
+        for (std::size_t i = 0; i < m_former_count; ++i) m_again = m_again || m_former[i] == tag;
+        if (m_count < m_tags.size()) m_tags[m_count++] = tag;
+    }
+    /// Whether a tag of this pass was noted in the former one, too.
+    bool endPass() {
+        if (m_count == 0 && m_former_count == 0) return false;
+        m_former = m_tags;
+        m_former_count = m_count;
+        m_count = 0;
+        return std::exchange(m_again, false);
+    }
+
+private:
+    std::array<std::uint64_t, 16> m_tags{};
+    std::array<std::uint64_t, 16> m_former{};
+    std::size_t m_count = 0;
+    std::size_t m_former_count = 0;
+    bool m_again = false;
+};
+
+}  // namespace
+
+struct CMultiplexer::SImpl {
+    Plinth::CMutex set_mutex;   // guards the counts of armed sockets and the generation
+    Plinth::CMutex wake_mutex;  // guards the pending byte
+    int epoll_fd = -1;
+    CWINPipe pipe;
+    int pending_bytes PLINTH_GUARDED_BY(wake_mutex) = 0;
+    const unsigned pool_number;
+    const unsigned capacity;
+    unsigned read_count PLINTH_GUARDED_BY(set_mutex) = 0;
+    unsigned write_count PLINTH_GUARDED_BY(set_mutex) = 0;
+    unsigned except_count PLINTH_GUARDED_BY(set_mutex) = 0;
+    std::uint32_t last_generation PLINTH_GUARDED_BY(set_mutex) = 0;
+
+    // The waiting thread's own.
+    std::array<epoll_event, EVENTS_PER_PASS> events{};
+    CSpinBudget spin;
+    std::uint64_t last_poll_us = 0;
+    COrphanWatch orphans;
+
+    SImpl(unsigned number, unsigned room) : pool_number(number), capacity(room) {}
+
+    unsigned take_room(unsigned interest) PLINTH_REQUIRES(set_mutex);
+    void give_room(unsigned interest) PLINTH_REQUIRES(set_mutex);
+    void arm(SEvent& record, bool fresh) PLINTH_EXCLUDES(set_mutex);
+    void silence(SEvent& record) const;
+    int poll(int timeout_ms);
+    int poll_for_tick();
+    int look_again(CEventQueue& queue);
+    int sleep(CEventQueue& queue);
+    int wait_for_events(CEventQueue& queue);
+    void drain_pipe();
+    SEvent* collect(CBTree& sockets, const epoll_event& event);
+    void rebuild(CBTree& sockets);
+};
+
+unsigned CMultiplexer::maxCapacity() {
+    return 1U << 24;
+}
+
+CMultiplexer::CMultiplexer(unsigned pool_number, unsigned capacity)
+    : m_impl(std::make_unique<SImpl>(pool_number, capacity)) {}
+
+CMultiplexer::~CMultiplexer() {
+    if (m_impl->epoll_fd >= 0) ::close(m_impl->epoll_fd);
+}
+
+int CWINPipe::Create(bool block) {
+    int ends[2];
+    const int flags = SOCK_STREAM | SOCK_CLOEXEC | (block ? 0 : SOCK_NONBLOCK);
+    if (::socketpair(AF_UNIX, flags, 0, ends) != 0) return -1;
+    m_read_fd = ends[0];
+    m_write_fd = ends[1];
+    return 0;
+}
+
+int CMultiplexer::Init() {
+    m_impl->epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = WAKE_TAG;
+    if (m_impl->epoll_fd < 0 || m_impl->pipe.Create(false) != 0 ||
+        epoll_ctl(m_impl->epoll_fd, EPOLL_CTL_ADD, m_impl->pipe.readFd(), &event) != 0) {
+        RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s :CreatePipe failed!\n", __func__);
+        return -1;
+    }
+    return 0;
+}
+
+/// The part of an interest that there is room for, counted.
+unsigned CMultiplexer::SImpl::take_room(unsigned interest) {
+    unsigned taken = 0;
+    const auto take = [this, interest, &taken](unsigned kind, unsigned& count) {
+        if (!(interest & kind) || count >= capacity) return;
+        ++count;
+        taken |= kind;
+    };
+    take(EventMask::Read, read_count);
+    take(EventMask::Write, write_count);
+    take(EventMask::Except, except_count);
+    return taken;
+}
+
+void CMultiplexer::SImpl::give_room(unsigned interest) {
+    if (interest & EventMask::Read) --read_count;
+    if (interest & EventMask::Write) --write_count;
+    if (interest & EventMask::Except) --except_count;
+}
+
+/// Makes the kernel wait for the record's mask. A fresh arming gets a new tag, so that events of what the
+/// descriptor was before find no record.
+void CMultiplexer::SImpl::arm(SEvent& record, bool fresh) {
+    const int fd = static_cast<int>(record.key);
+    Plinth::CLockGuard guard(set_mutex);
+    give_room(record.armed & INTEREST);
+    const unsigned interest = take_room(record.m_event_mask & INTEREST);
+    const bool was_added = (record.armed & ARMED_ADDED) != 0;
+    record.armed = interest;
+    if (interest == 0) {
+        if (was_added) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
+        return;
+    }
+    if (fresh || !was_added) record.generation = ++last_generation;
+    epoll_event event{};
+    event.events = epollEvents(interest);
+    event.data.u64 = tagOf(record);
+    // The application may have closed the descriptor and got its number again, which only the kernel knows.
+    const int first = was_added ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+    int result = epoll_ctl(epoll_fd, first, fd, &event);
+    if (result != 0 && errno == ENOENT) result = epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event);
+    if (result != 0 && errno == EEXIST) result = epoll_ctl(epoll_fd, EPOLL_CTL_MOD, fd, &event);
+    if (result == 0) {
+        record.armed |= ARMED_ADDED;
+    } else {
+        give_room(interest);
+        record.armed = 0;
+    }
+}
+
+void CMultiplexer::add(SEvent& record) {
+    const unsigned wanted = (record.m_event_mask & INTEREST) | (record.armed & ARMED_ADDED);
+    if (record.armed == wanted && (wanted & ARMED_ADDED)) return;
+    m_impl->arm(record, (record.armed & ARMED_STALE) != 0);
+}
+
+void CMultiplexer::modify(SEvent& record) {
+    m_impl->arm(record, true);
+}
+
+void CMultiplexer::markForRearm(SEvent& record) {
+    record.armed |= ARMED_STALE;
+}
+
+void CMultiplexer::remove(SEvent& record) {
+    if (record.armed & ARMED_ADDED) {
+        epoll_ctl(m_impl->epoll_fd, EPOLL_CTL_DEL, static_cast<int>(record.key), nullptr);
+    }
+    Plinth::CLockGuard guard(m_impl->set_mutex);
+    m_impl->give_room(record.armed & INTEREST);
+    record.armed = 0;
+}
+
+void CMultiplexer::wake() {
+    Plinth::CLockGuard guard(m_impl->wake_mutex);
+    if (m_impl->pending_bytes > 0) return;
+    const int written = CWINPipe::Write(m_impl->pipe.writeFd(), "w", 1);
+    if (written > 0) m_impl->pending_bytes += written;
+}
+
+void CMultiplexer::SImpl::drain_pipe() {
+    Plinth::CLockGuard guard(wake_mutex);
+    if (pending_bytes <= 0) return;
+    char bytes[256];
+    const int received = CWINPipe::Read(pipe.readFd(), bytes, sizeof bytes);
+    if (received > 0) pending_bytes -= received;
+}
+
+int CMultiplexer::SImpl::poll(int timeout_ms) {
+    return epoll_wait(epoll_fd, events.data(), EVENTS_PER_PASS, timeout_ms);
+}
+
+/// Waits for one tick of the standby, which is shorter than epoll_wait's millisecond.
+int CMultiplexer::SImpl::poll_for_tick() {
+    static std::atomic<bool> s_has_pwait2{true};
+    if (s_has_pwait2.load(std::memory_order_relaxed)) {
+        timespec tick{0, CEventQueue::STANDBY_TICK_US * 1000};
+        const int count = epoll_pwait2(epoll_fd, events.data(), EVENTS_PER_PASS, &tick, nullptr);
+        if (count >= 0 || errno != ENOSYS) return count;
+        s_has_pwait2.store(false, std::memory_order_relaxed);  // a kernel before 5.11
+    }
+    return poll(1);
+}
+
+/// Looks for a short while without sleeping; 0 when nothing came.
+int CMultiplexer::SImpl::look_again(CEventQueue& queue) {
+    const std::uint64_t budget_us = spin.budgetUs();
+    if (budget_us == 0) return 0;
+    queue.setLooking(true);
+    const std::uint64_t deadline_us = Plinth::CTime::getCurrentMicroSecond() + budget_us;
+    do {
+        const int count = queue.size() > 0 ? 0 : poll(0);
+        if (count != 0 || queue.size() > 0) {
+            spin.found();
+            return count;
+        }
+    } while (Plinth::CTime::getCurrentMicroSecond() < deadline_us);
+    spin.missed();
+    return 0;
+}
+
+int CMultiplexer::SImpl::sleep(CEventQueue& queue) {
+    CEventQueue::EWait wait = queue.beginWait();
+    if (wait == CEventQueue::EWait::Serve) return 0;
+    const std::uint64_t start_us = Plinth::CTime::getCurrentMicroSecond();
+    int count = 0;
+    while (count == 0 && wait == CEventQueue::EWait::Tick) {
+        count = poll_for_tick();
+        if (count == 0) wait = queue.waitTick();
+    }
+    if (count == 0 && wait == CEventQueue::EWait::Unlimited) count = poll(-1);
+    const int error = errno;
+    queue.endWait();
+    spin.slept(Plinth::CTime::getCurrentMicroSecond() - start_us);
+    errno = error;
+    return count;
+}
+
+int CMultiplexer::SImpl::wait_for_events(CEventQueue& queue) {
+    if (queue.size() > 0) {
+        // A queue that is never empty must not cost a system call per record.
+        const std::uint64_t now_us = Plinth::CTime::getCurrentMicroSecond();
+        if (now_us - last_poll_us < BUSY_POLL_INTERVAL_US) return 0;
+        last_poll_us = now_us;
+        return poll(0);
+    }
+    int count = poll(0);
+    if (count == 0) count = look_again(queue);
+    if (count == 0 && queue.size() == 0) count = sleep(queue);
+    queue.setLooking(false);
+    return count;
+}
+
+/// A socket that is still being dispatched would be reported by every pass: the end of the dispatch arms it
+/// again.
+void CMultiplexer::SImpl::silence(SEvent& record) const {
+    epoll_event event{};
+    event.events = EPOLLONESHOT;  // errors and hang-ups, which cannot be masked, come once at most
+    event.data.u64 = tagOf(record);
+    epoll_ctl(epoll_fd, EPOLL_CTL_MOD, static_cast<int>(record.key), &event);
+    record.armed |= ARMED_SILENT;
+}
+
+/// The record that an event fires, its received events set; null when it fires none.
+SEvent* CMultiplexer::SImpl::collect(CBTree& sockets,
+                                     const epoll_event& event) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+    // The lookup hands the record over with its mutex locked.
+    SEvent* record = sockets.findSockLocked(static_cast<std::int64_t>(event.data.u64 & 0xFFFFFFFF));
+    if (record == nullptr || tagOf(*record) != event.data.u64) {
+        if (record != nullptr) record->mutex.unlock();
+        orphans.note(event.data.u64);
+        return nullptr;
+    }
+    SEvent* fired = nullptr;
+    const unsigned received = receivedEvents(event.events, record->armed & INTEREST);
+    if (record->m_revents.load(std::memory_order_relaxed) != VL_NOPOLL || received == VL_NOPOLL) {
+        if (!(record->armed & ARMED_SILENT)) silence(*record);
+    } else {
+        record->m_revents.store(received, std::memory_order_relaxed);
+        record->timer.m_time_out = 0;
+        fired = record;
+    }
+    record->mutex.unlock();
+    return fired;
+}
+
+/// Exchanges the epoll set for a new one that holds the registered sockets only.
+void CMultiplexer::SImpl::rebuild(CBTree& sockets) {
+    const int fresh = epoll_create1(EPOLL_CLOEXEC);
+    if (fresh < 0) return;
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = WAKE_TAG;
+    epoll_ctl(fresh, EPOLL_CTL_ADD, pipe.readFd(), &event);
+    // Under the same number, so that threads which are arming at this moment go on with the new set.
+    dup3(fresh, epoll_fd, O_CLOEXEC);
+    ::close(fresh);
+    Plinth::CReadGuard guard(sockets.lock());
+    sockets.visit([this](SKeyedEntry* entry) {
+        auto& record = *static_cast<SEvent*>(entry);
+        Plinth::CLockGuard record_guard(record.mutex);
+        if (record.armed & ARMED_ADDED) arm(record, true);
+        return true;
+    });
+}
+
+SQueueRecord* CMultiplexer::Wait(CBTree& sockets, CEventQueue& queue) {
+    const int count = m_impl->wait_for_events(queue);
+    if (count < 0 && errno != EINTR) {
+        const int error = errno;
+        RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "select failed!%d,%s\n", error,
+                        SocketApi::errorText(error).data());
+    }
+    if (count <= 0) return nullptr;
+    SQueueRecord* head = nullptr;
+    SQueueRecord** tail = &head;
+    {
+        Plinth::CReadGuard guard(sockets.lock());
+        for (int i = 0; i < count; ++i) {
+            const epoll_event& event = m_impl->events[static_cast<std::size_t>(i)];
+            if (event.data.u64 == WAKE_TAG) {
+                m_impl->drain_pipe();
+            } else if (SEvent* record = m_impl->collect(sockets, event)) {
+                record->next = nullptr;
+                *tail = record;
+                tail = &record->next;
+            }
+        }
+    }
+    if (m_impl->orphans.endPass()) m_impl->rebuild(sockets);
+    return head;
+}
+
+}  // namespace Veltro::Ravelo

@@ -1,0 +1,247 @@
+#include "Core/ThreadPool.h"
+
+#include <Ravelo/NetHandler.h>
+#include <Ravelo/TsMemory.h>
+
+#include <new>
+#include <string>
+
+#include "Core/CurrentObject.h"
+#include "Core/EventPool.h"
+#include "Core/Message.h"
+#include "Core/NetHandlerRecord.h"
+#include "Core/NetSock.h"
+#include "Core/NetTimer.h"
+#include "Core/PoolTable.h"
+#include "Debug/Debug.h"
+#include "Log.h"
+
+namespace Veltro::Ravelo {
+
+namespace {
+
+std::uint64_t nextBirth() {
+    static std::atomic<std::uint64_t> s_births{0};
+    return ++s_births;
+}
+
+/// "Ravelo3", the name of pool 3's workers.
+std::string poolName(unsigned number) {
+    return "Ravelo" + std::to_string(number);
+}
+
+/// As CEventPool::get, for set-up: a pool without its tokens cannot be.
+SEvent* getRecord(std::int64_t key) {
+    SEvent* record = CEventPool::get(key);
+    if (record == nullptr) throw std::bad_alloc();
+    return record;
+}
+
+}  // namespace
+
+SDaemonTimes CThreadPool::sm_daemon_times;
+
+unsigned CThreadPool::roundThreadCount(unsigned requested, unsigned processors) {
+    if (processors <= 1) return requested;
+    if (requested < processors) return processors;
+    return (requested + processors - 1) / processors * processors;
+}
+
+CThreadPool::CThreadPool(unsigned number, unsigned thread_num, const SThreadSettings& settings,
+                         unsigned capacity, unsigned processors)
+    : m_number(number),
+      m_thread_count(roundThreadCount(thread_num, processors)),
+      m_settings(settings),
+      m_birth(nextBirth()),
+      m_reactor_token(getRecord(EVENT_KEY_REACTOR_TOKEN)),
+      m_ids(number),
+      m_objects(CBTree::MAX_ORDER),
+      m_sockets(CBTree::MAX_ORDER, &CNetSock::freeRecord),
+      m_multiplexer(number, capacity) {
+    if (thread_num == 0) {
+        RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "Invalid thread num 0, Please check it!\n");
+    }
+    m_queue.setWaiter(&m_multiplexer, m_thread_count);
+    if (m_multiplexer.Init() != 0) {
+        RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "socket mutiplexer init fail, Please check it!\n");
+    }
+}
+
+CThreadPool::~CThreadPool() {
+    free_queued();
+    CEventPool::put(m_reactor_token);
+}
+
+void CThreadPool::start() {
+    const std::string daemon_name = poolName(m_number) + " daemon";
+    m_daemon = std::make_unique<Plinth::CThreadLite>(
+        [this](Plinth::CThreadLite& self) { DaemonThreadProc(self); }, daemon_name.c_str());
+    m_daemon->createThread();
+
+    m_queue.push(m_reactor_token);
+    m_queue.push(getRecord(EVENT_KEY_SERIAL_TOKEN));
+
+    const std::string name = poolName(m_number);
+    for (unsigned i = 0; i < m_thread_count; ++i) {
+        m_threads.push_back(std::make_unique<Plinth::CThreadLite>(
+            [this](Plinth::CThreadLite& self) { ThreadProc(self); }, name.c_str(), m_settings.priority,
+            m_settings.policy, m_settings.param));
+        m_threads.back()->createThread();
+    }
+}
+
+void CThreadPool::stop() {
+    m_stopping.store(true);
+    m_daemon->cancelThread();
+    m_semaphore.post();
+    for (auto& thread : m_threads) thread->cancelThread();
+    m_queue.stop();
+    for (auto& thread : m_threads) thread->destroyThread();
+    m_daemon->destroyThread();
+}
+
+void CThreadPool::bind(CNetHandler& handler, SNetHandlerRecord& record) {
+    handler.AddRef();
+    record.pool_birth = m_birth;
+    record.entry.key = m_ids.GetId();
+    record.entry.handler = &handler;
+    m_objects.insert(&record.entry);
+}
+
+void CThreadPool::unbind(std::int64_t id) {
+    auto* entry = static_cast<SObjectEntry*>(m_objects.erase(id));
+    if (entry == nullptr) return;
+    m_ids.PutId(id);
+    entry->handler->DecRef();
+}
+
+CEventQueue::EPusher CThreadPool::pusher() const {
+    return CPoolTable::current() == this ? CEventQueue::EPusher::Worker : CEventQueue::EPusher::Outside;
+}
+
+void CThreadPool::post(SQueueRecord* chain) {
+    m_queue.push(chain, pusher());
+}
+
+void CThreadPool::postFront(SQueueRecord* record) {
+    m_queue.pushFront(record, pusher());
+}
+
+void CThreadPool::postSerial(SQueueRecord* record) {
+    m_serial_queue.pushWithoutSignal(record);
+    Plinth::CLockGuard guard(m_serial_mutex);
+    if (!m_serial_token_free) return;
+    SEvent* token = CEventPool::get(EVENT_KEY_SERIAL_TOKEN);
+    if (token == nullptr) return;
+    post(token);
+    m_serial_token_free = false;
+}
+
+void CThreadPool::ThreadProc(Plinth::CThreadLite& self) {
+    CTsMemory::CreateMemPool();
+    RAVELO_ASSERT(m_reactor_token->key == EVENT_KEY_REACTOR_TOKEN);
+    CPoolTable::setCurrent(this);
+    {
+        CCurrentObject current;
+        SQueueRecord* record = nullptr;
+        while (self.looping()) {
+            if (record == nullptr) record = m_queue.Pop();
+            m_loop_counter.fetch_add(1, std::memory_order_relaxed);
+            if (record != nullptr) record = dispatch(current, record);
+        }
+        // A pass may have ended with a record in hand.
+        if (record != nullptr) m_queue.pushFront(record);
+    }
+    m_multiplexer.wake();
+    CPoolTable::setCurrent(nullptr);
+    CTsMemory::DestroyThreadMemPool();
+}
+
+/// Serves one record. Returns the record to serve next when that is known already.
+SQueueRecord* CThreadPool::dispatch(CCurrentObject& current, SQueueRecord* record) {
+    if (record->key >= 0) {
+        CNetSock::handle_netevent(*this, current, *static_cast<SEvent*>(record));
+    } else if (record->key < EVENT_KEY_TIMER_LIMIT) {
+        CNetTimer::dispatch(*this, current, static_cast<STimer*>(record));
+    } else if (record->key == EVENT_KEY_MESSAGE) {
+        CMessage::dispatch(*this, current, static_cast<SEvent*>(record));
+    } else if (record->key == EVENT_KEY_REACTOR_TOKEN) {
+        return run_pass(record);
+    } else if (record->key == EVENT_KEY_SERIAL_TOKEN) {
+        drain_serial(current, record);
+    } else {
+        const std::int64_t key = record->key;
+        CEventPool::put(static_cast<SEvent*>(record));
+        if (key != EVENT_KEY_HEARTBEAT) {
+            RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR,
+                            "Exist unexpected event, Please check it, key : [%jd]!\n",
+                            static_cast<std::intmax_t>(key));
+            RAVELO_ASSERT(key == EVENT_KEY_HEARTBEAT);
+        }
+    }
+    return nullptr;
+}
+
+/// One wait for the sockets: what fired goes to the queue's end, the token behind it.
+SQueueRecord* CThreadPool::run_pass(SQueueRecord* token) {
+    SQueueRecord* fired = m_multiplexer.Wait(m_sockets, m_queue);
+    SQueueRecord** end = &fired;
+    while (*end != nullptr) end = &(*end)->next;
+    token->next = nullptr;
+    *end = token;
+    return m_queue.pushAndPop(fired);
+}
+
+void CThreadPool::drain_serial(CCurrentObject& current, SQueueRecord* token) {
+    for (;;) {
+        while (SQueueRecord* record = isStopping() ? nullptr : m_serial_queue.popNoWait()) {
+            if (record->key != EVENT_KEY_SERIAL_MESSAGE) {
+                RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR,
+                                "Exist unexpected event_serial, Please check it, key : [%jd]!\n",
+                                static_cast<std::intmax_t>(record->key));
+                CEventPool::put(static_cast<SEvent*>(record));
+                RAVELO_ASSERT(false);
+            }
+            CMessage::dispatch(*this, current, static_cast<SEvent*>(record));
+        }
+        // Looked at again under the mutex: a message posted just now may have found the token under way.
+        Plinth::CLockGuard guard(m_serial_mutex);
+        if (m_serial_queue.size() > 0 && !isStopping()) continue;
+        m_serial_token_free = true;
+        break;
+    }
+    CEventPool::put(static_cast<SEvent*>(token));
+}
+
+void CThreadPool::DaemonThreadProc(Plinth::CThreadLite& self) {
+    const SDaemonTimes times = sm_daemon_times;
+    std::int64_t seen_loops = m_loop_counter.load(std::memory_order_relaxed);
+    self.setWatchdog(times.watchdog_ms);
+    while (self.looping()) {
+        const std::int64_t loops = m_loop_counter.load(std::memory_order_relaxed);
+        if (loops != seen_loops) self.setWatchdog(times.watchdog_ms);
+        seen_loops = loops;
+        if (SEvent* heartbeat = CEventPool::get(EVENT_KEY_HEARTBEAT)) m_queue.push(heartbeat);
+        Debug::registerConsoleOnce();
+        if (self.isWatchdogExpired()) {
+            RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "All Ravelo Thread deadlock !!!!!!\n");
+            Debug::dumpThreads();
+        }
+        if (!m_semaphore.pend(times.pause_us)) m_semaphore.pend(times.wait_us);
+    }
+}
+
+/// Returns what the workers left in the queues. Socket records stay for their table to free.
+void CThreadPool::free_queued() {
+    for (CEventQueue* queue : {&m_queue, &m_serial_queue}) {
+        while (SQueueRecord* record = queue->popNoWait()) {
+            if (record->key < EVENT_KEY_TIMER_LIMIT) {
+                CNetTimer::freeRecord(static_cast<STimer*>(record));
+            } else if (record->key < 0 && record->key != EVENT_KEY_REACTOR_TOKEN) {
+                CEventPool::put(static_cast<SEvent*>(record));
+            }
+        }
+    }
+}
+
+}  // namespace Veltro::Ravelo

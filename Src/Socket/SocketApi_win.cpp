@@ -1,0 +1,204 @@
+#include "Socket/SocketApi.h"
+
+#include <iphlpapi.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstddef>
+#include <cstdio>
+
+namespace Veltro::Ravelo::SocketApi {
+
+// Arrays of our gather elements go to the system as they are.
+static_assert(sizeof(iovec) == sizeof(WSABUF));
+static_assert(offsetof(iovec, iov_len) == offsetof(WSABUF, len));
+static_assert(offsetof(iovec, iov_base) == offsetof(WSABUF, buf));
+
+namespace {
+
+/// The system's handle; its numbers fit 32 bits.
+SOCKET toSocket(int fd) {
+    return fd < 0 ? INVALID_SOCKET : static_cast<SOCKET>(fd);
+}
+
+int fromSocket(SOCKET socket) {
+    return socket == INVALID_SOCKET ? -1 : static_cast<int>(socket);
+}
+
+void removeLineEnd(std::array<char, 512>* text, std::size_t length) {
+    while (length > 0 && static_cast<unsigned char>((*text)[length - 1]) <= ' ') --length;
+    (*text)[length] = '\0';
+}
+
+}  // namespace
+
+int startup() {
+    WSADATA data{};
+    const int error = WSAStartup(MAKEWORD(2, 2), &data);
+    if (error != 0) {
+        std::fprintf(stderr, "WSAStartup failed! ERR:[%d],%s\n", error, errorText(error).data());
+        return -1;
+    }
+    if (data.wVersion != MAKEWORD(2, 2)) {
+        std::fprintf(stderr, "check Berkeley Sockets version failed! ERR:[%d],%s\n", lastError(),
+                     errorText(lastError()).data());
+        WSACleanup();
+        return -1;
+    }
+    return 0;
+}
+
+void cleanup() {
+    WSACleanup();
+}
+
+int create(int family, int type, int protocol) {
+    return fromSocket(
+        WSASocketW(family, type, protocol, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
+}
+
+int close(int fd) {
+    return ::closesocket(toSocket(fd));
+}
+
+int setNonBlocking(int fd, bool non_blocking) {
+    u_long value = non_blocking ? 1 : 0;
+    return ::ioctlsocket(toSocket(fd), static_cast<long>(FIONBIO), &value);
+}
+
+int bind(int fd, const sockaddr* addr, int length) {
+    return ::bind(toSocket(fd), addr, length);
+}
+
+int listen(int fd, int backlog) {
+    return ::listen(toSocket(fd), backlog);
+}
+
+int connect(int fd, const sockaddr* addr, int length) {
+    return ::connect(toSocket(fd), addr, length);
+}
+
+int accept(int fd, sockaddr* addr, int* length) {
+    const SOCKET accepted = ::accept(toSocket(fd), addr, addr != nullptr ? length : nullptr);
+    if (accepted != INVALID_SOCKET) {
+        SetHandleInformation(reinterpret_cast<HANDLE>(accepted), HANDLE_FLAG_INHERIT, 0);
+    }
+    return fromSocket(accepted);
+}
+
+int getSockName(int fd, sockaddr* addr, int* length) {
+    return ::getsockname(toSocket(fd), addr, length);
+}
+
+int getPeerName(int fd, sockaddr* addr, int* length) {
+    return ::getpeername(toSocket(fd), addr, length);
+}
+
+int send(int fd, const char* data, unsigned length) {
+    return ::send(toSocket(fd), data, static_cast<int>(std::min<unsigned>(length, INT_MAX)), 0);
+}
+
+int sendV(int fd, const iovec* elements, int count) {
+    auto* buffers = reinterpret_cast<WSABUF*>(const_cast<iovec*>(elements));
+    DWORD sent = 0;
+    const int result = WSASend(toSocket(fd), buffers, static_cast<DWORD>(count), &sent, 0, nullptr, nullptr);
+    return result == 0 ? static_cast<int>(sent) : -1;
+}
+
+int recv(int fd, char* buffer, unsigned length) {
+    return ::recv(toSocket(fd), buffer, static_cast<int>(std::min<unsigned>(length, INT_MAX)), 0);
+}
+
+int setOption(int fd, int level, int name, int value) {
+    return ::setsockopt(toSocket(fd), level, name, reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
+int getOption(int fd, int level, int name, int* value) {
+    int size = sizeof(*value);
+    // Some options fill fewer bytes.
+    *value = 0;
+    return ::getsockopt(toSocket(fd), level, name, reinterpret_cast<char*>(value), &size);
+}
+
+int lastError() {
+    return WSAGetLastError();
+}
+
+void setLastError(int error) {
+    WSASetLastError(error);
+}
+
+bool isTryAgain(int error) {
+    return error == WSAEWOULDBLOCK || error == WSAEINTR || error == 11;
+}
+
+bool isInterrupted(int error) {
+    return error == WSAEINTR;
+}
+
+bool isConnecting(int error) {
+    return error == WSAEINPROGRESS || error == WSAEWOULDBLOCK;
+}
+
+bool isReset(int error) {
+    return error == WSAECONNRESET;
+}
+
+bool isOutOfDescriptors(int error) {
+    return error == WSAEMFILE || error == WSAENOBUFS;
+}
+
+int resetError() {
+    return WSAECONNRESET;
+}
+
+std::array<char, 512> errorText(int error) {
+    const DWORD kept_error = GetLastError();
+    std::array<char, 512> text{};
+    const DWORD length =
+        FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                       static_cast<DWORD>(error), 0, text.data(), static_cast<DWORD>(text.size()), nullptr);
+    removeLineEnd(&text, length);
+    if (text[0] == '\0') std::snprintf(text.data(), text.size(), "%d", error);
+    SetLastError(kept_error);
+    return text;
+}
+
+std::array<char, 512> resolverErrorText(int result) {
+    return errorText(result);
+}
+
+int bufferTooSmallError() {
+    return WSAEFAULT;
+}
+
+unsigned interfaceIndex(const char* name) {
+    const DWORD kept_error = GetLastError();
+    const unsigned index = static_cast<unsigned>(::if_nametoindex(name));
+    SetLastError(kept_error);
+    return index;
+}
+
+int waitOne(int fd, unsigned wanted, std::int64_t timeout_us, unsigned* ready) {
+    *ready = 0;
+    const SOCKET socket = toSocket(fd);
+    fd_set read;
+    fd_set write;
+    fd_set except;
+    read.fd_count = (wanted & WAIT_READ) != 0 ? 1 : 0;
+    write.fd_count = (wanted & WAIT_WRITE) != 0 ? 1 : 0;
+    except.fd_count = (wanted & WAIT_EXCEPT) != 0 ? 1 : 0;
+    read.fd_array[0] = write.fd_array[0] = except.fd_array[0] = socket;
+    const std::int64_t wait_us = std::max<std::int64_t>(timeout_us, 0);
+    timeval wait{};
+    wait.tv_sec = static_cast<long>(std::min<std::int64_t>(wait_us / 1'000'000, LONG_MAX));
+    wait.tv_usec = static_cast<long>(wait_us % 1'000'000);
+    const int result = ::select(0, &read, &write, &except, &wait);
+    if (result <= 0) return result;
+    if (read.fd_count != 0) *ready |= WAIT_READ;
+    if (write.fd_count != 0) *ready |= WAIT_WRITE;
+    if (except.fd_count != 0) *ready |= WAIT_EXCEPT;
+    return 1;
+}
+
+}  // namespace Veltro::Ravelo::SocketApi

@@ -1,0 +1,78 @@
+"""Benchmarks that run inside one process: messages and timers."""
+
+from . import table
+from .process import run_json
+
+BOTH = (0, 1)
+MESSAGE_LIBRARIES = ["queue", "ravelo", "asio", "libuv"]
+SCENARIOS = {
+    "post": "one thread to one handler, one worker",
+    "chain": "a handler to itself, one worker",
+    "pairs": "two threads to two handlers, two workers",
+    "roundtrip": "to and fro in one pool of two workers",
+    "crosstrip": "to and fro between two pools of one worker",
+}
+TIMER_LIBRARIES = ["ravelo", "libevent", "asio"]
+TIMER_BASE = "libevent"
+
+
+def _built(programs, kind, libraries):
+    found = [name for name in libraries if (programs / f"{kind}_{name}").exists()]
+    for name in sorted(set(libraries) - set(found)):
+        print(f"! {kind}_{name} is not built and is left out\n")
+    return found
+
+
+def _rounds(libraries, rounds, measure):
+    """Runs of every library, which take turns."""
+    runs = {name: [] for name in libraries}
+    for number in range(rounds):
+        first = number % len(libraries)
+        for name in libraries[first:] + libraries[:first]:
+            runs[name].append(measure(name))
+    return runs
+
+
+def _values(runs, library, key):
+    return [run[key] for run in runs[library]]
+
+
+def _trip(values):
+    return table.number(table.median(values)) if any(values) else "-"
+
+
+def run_messages(programs, options):
+    libraries = _built(programs, "message", MESSAGE_LIBRARIES)
+    print("== message: ratios are messages/s to those of a mutex and a condition variable\n")
+    for scenario, title in SCENARIOS.items():
+        runs = _rounds(libraries, options.rounds,
+                       lambda name: run_json([programs / f"message_{name}", scenario], BOTH, 120))
+        lines = [[name, table.spread(_values(runs, name, "per_second")),
+                  table.number(table.median(_values(runs, name, "cpu_ns"))),
+                  *(_trip(_values(runs, name, key)) for key in ("p50_us", "p99_us")),
+                  table.ratio(_values(runs, name, "per_second"), _values(runs, "queue", "per_second"))]
+                 for name in libraries]
+        table.show([f"{scenario}: {title}", "messages/s (min .. max)", "CPU ns", "trip p50 us", "trip p99 us",
+                    "ratio"], lines)
+
+
+def run_timers(programs, options):
+    libraries = _built(programs, "timer", TIMER_LIBRARIES)
+    print(f"== timer: ratios are to {TIMER_BASE} (less is better)\n")
+    for count in options.timers:
+        for order in ("armed", "reverse", "random"):
+            runs = _rounds(libraries, options.rounds,
+                           lambda name: run_json([programs / f"timer_{name}", count, order, options.timer_seconds],
+                                                 BOTH, 120))
+            table.show([f"{count:,} timers, cancelled in order: {order}", "arm ns (min .. max)", "ratio",
+                        "cancel ns (min .. max)", "ratio", "cancelled"],
+                       [_timer_line(runs, name, count) for name in libraries])
+
+
+def _timer_line(runs, name, count):
+    line = [name]
+    for key in ("arm_ns", "cancel_ns"):
+        line += [table.spread(_values(runs, name, key)),
+                 table.ratio(_values(runs, name, key), _values(runs, TIMER_BASE, key))]
+    cancelled = min(_values(runs, name, "cancelled"))
+    return line + ["all" if cancelled == count else f"{cancelled:,} before the time was up"]

@@ -1,0 +1,107 @@
+#include <Plinth/Error.h>
+#include <Plinth/File.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+namespace Veltro::Plinth {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string utf8(const fs::path& path) {
+    const std::u8string text = path.u8string();
+    return {reinterpret_cast<const char*>(text.data()), text.size()};
+}
+
+/// A file under a folder of the test's own, which goes with it.
+class CTemporaryFile {
+public:
+    explicit CTemporaryFile(const fs::path& name) {
+        const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+        m_folder = fs::temp_directory_path() / (std::string("plinth_file_") + test->name());
+        fs::create_directories(m_folder);
+        m_path = m_folder / name;
+        std::ofstream(m_path) << "content";
+    }
+    ~CTemporaryFile() {
+        std::error_code ignored;
+        fs::permissions(m_path, fs::perms::owner_all, ignored);
+        fs::remove_all(m_folder, ignored);
+    }
+    CTemporaryFile(const CTemporaryFile&) = delete;
+    CTemporaryFile& operator=(const CTemporaryFile&) = delete;
+
+    const fs::path& path() const { return m_path; }
+    const fs::path& folder() const { return m_folder; }
+
+private:
+    fs::path m_folder;
+    fs::path m_path;
+};
+
+TEST(File, AFileOfOnesOwnAllowsEverything) {
+    const CTemporaryFile file("plain.txt");
+    const std::string path = utf8(file.path());
+    EXPECT_EQ(CFile::access(path.c_str(), FILE_ACCESS_EXISTS), 0);
+    EXPECT_EQ(CFile::access(path.c_str(), FILE_ACCESS_READ), 0);
+    EXPECT_EQ(CFile::access(path.c_str(), FILE_ACCESS_WRITE), 0);
+    EXPECT_EQ(CFile::access(path.c_str(), FILE_ACCESS_READ | FILE_ACCESS_WRITE), 0);
+}
+
+TEST(File, AFolderIsThereToo) {
+    const CTemporaryFile file("plain.txt");
+    EXPECT_EQ(CFile::access(utf8(file.folder()).c_str(), FILE_ACCESS_EXISTS), 0);
+    EXPECT_EQ(CFile::access(utf8(file.folder()).c_str(), FILE_ACCESS_WRITE), 0);
+}
+
+TEST(File, AMissingFileGivesMinusOneAndTheReason) {
+    const CTemporaryFile file("plain.txt");
+    const std::string path = utf8(file.folder() / "missing.txt");
+    const int result = CFile::access(path.c_str(), FILE_ACCESS_EXISTS);
+    EXPECT_EQ(getLastError(), 2);
+    EXPECT_EQ(result, -1);
+}
+
+TEST(File, NoPathAtAllGivesMinusOneAndAReason) {
+    EXPECT_EQ(CFile::access(nullptr, FILE_ACCESS_EXISTS), -1);
+    EXPECT_NE(getLastError(), 0);
+    EXPECT_EQ(CFile::access("", FILE_ACCESS_EXISTS), -1);
+    EXPECT_NE(getLastError(), 0);
+}
+
+TEST(File, AWriteProtectedFileCanOnlyBeRead) {
+    const CTemporaryFile file("protected.txt");
+    const std::string path = utf8(file.path());
+    fs::permissions(file.path(), fs::perms::owner_read, fs::perm_options::replace);
+    EXPECT_EQ(CFile::access(path.c_str(), FILE_ACCESS_READ), 0);
+    if (std::ofstream(file.path(), std::ios::app).is_open()) {
+        std::cout << "the rest is not run: this user may write to protected files\n";
+        return;
+    }
+    EXPECT_EQ(CFile::access(path.c_str(), FILE_ACCESS_WRITE), -1);
+    EXPECT_NE(getLastError(), 0);
+}
+
+TEST(File, PathsAreUtf8OnEveryPlatform) {
+    // Latin, Cyrillic, Han and one character beyond 16 bits.
+    const fs::path name(u8"\u00e4\u0416\u4e2d\U0001F600.txt");
+    const CTemporaryFile file(name);
+    if (!fs::exists(file.path())) {
+        std::cout << "not run: the file system takes no such name\n";
+        return;
+    }
+    EXPECT_EQ(CFile::access(utf8(file.path()).c_str(), FILE_ACCESS_EXISTS), 0);
+    EXPECT_EQ(CFile::access(utf8(file.folder() / u8"\u00e4\u0416.txt").c_str(), FILE_ACCESS_EXISTS), -1);
+}
+
+TEST(File, APathThatIsNotUtf8IsNotThere) {
+    EXPECT_EQ(CFile::access("no\xff\xfesuch", FILE_ACCESS_EXISTS), -1);
+    EXPECT_NE(getLastError(), 0);
+}
+
+}  // namespace
+}  // namespace Veltro::Plinth
