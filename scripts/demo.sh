@@ -25,6 +25,7 @@ compare() {
 }
 
 say "Starting the echo server: any free port, 2 threads for accepting, a private pool of 2 for the clients"
+: >"$scratch/output"
 "$bin/echo_server" 0 2 2 >"$scratch/output" 2>"$scratch/log" &
 server=$!
 for _ in {1..100}; do
