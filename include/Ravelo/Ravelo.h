@@ -1,0 +1,14 @@
+// Every public header of the framework.
+#pragma once
+
+#include <Ravelo/Defs.h>
+#include <Ravelo/NetHandler.h>
+#include <Ravelo/NetThread.h>
+#include <Ravelo/Sock.h>
+#include <Ravelo/SockAcceptor.h>
+#include <Ravelo/SockAddr.h>
+#include <Ravelo/SockAddrIPv4.h>
+#include <Ravelo/SockAddrIPv6.h>
+#include <Ravelo/SockAddrStorage.h>
+#include <Ravelo/SockStream.h>
+#include <Ravelo/TsMemory.h>
