@@ -6,7 +6,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
+
+#include "Core/SocketCount.h"
 
 namespace Veltro::Ravelo {
 
@@ -52,23 +53,23 @@ struct SSockTimeout {
 
 /// One record for all queued work: a registered socket (key = its descriptor), a message, a token, a
 /// heartbeat. Comes from CEventPool and goes back to it; its memory stays a record while the library runs.
-struct SEvent : SQueueRecord {
-    Plinth::CMutex mutex;  ///< a socket record's fields; unused by the other kinds
-
+/// What a message uses is one line of the processor's cache.
+struct alignas(64) SEvent : SQueueRecord {
     // Messages.
     std::int64_t sender = 0;
     std::int64_t receiver = 0;
     std::int64_t info = 0;
     std::uint32_t type = 0;
 
+    Plinth::CMutex mutex;  ///< guards a socket record's fields; unused by the other kinds
+
     // Sockets. The two atomics are written under the mutex and read without it by the dispatch in progress.
     std::atomic<std::int64_t> obj_id{0};      ///< the owner
     std::atomic<std::uint32_t> m_revents{0};  ///< 16 bits; 0 while idle, else what is being dispatched
     std::uint32_t m_event_mask = 0;
     SSockTimeout timer;
-    std::shared_ptr<std::atomic<std::int64_t>>
-        owner_sockets;        ///< the owner's count, which may outlive the owner
-    std::uint32_t armed = 0;  ///< the multiplexer's own bits: what it waits for at present
+    CSocketCount owner_sockets;  ///< the owner's count, which may outlive the owner
+    std::uint32_t armed = 0;     ///< the multiplexer's own bits: what it waits for at present
     /// The multiplexer's own: changes with every arming and removal and is never set back, so that what was
     /// received for an earlier arming does not match. Written under the mutex.
     std::atomic<std::uint32_t> generation{0};

@@ -63,7 +63,7 @@ void CEventQueue::grant_sleeper() {
 
 void CEventQueue::wake(EWake whom) {
     if (whom == EWake::Sleeper) m_semaphore.post();
-    if (whom == EWake::Waiter) m_waiter->wake();
+    if (whom == EWake::Waiter) m_wake_waiter(m_waiter);
 }
 
 void CEventQueue::push(SQueueRecord* chain, EPusher pusher) {
@@ -223,7 +223,7 @@ void CEventQueue::stop() {
         m_stopped = true;
     }
     for (; sleepers > 0; --sleepers) m_semaphore.post();
-    if (m_waiter != nullptr) m_waiter->wake();
+    if (m_waiter != nullptr) m_wake_waiter(m_waiter);
 }
 
 }  // namespace Veltro::Ravelo

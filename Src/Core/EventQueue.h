@@ -10,16 +10,6 @@
 
 namespace Veltro::Ravelo {
 
-/// What can end a wait that is not Pop(): the multiplexer's.
-class IQueueWaiter {
-public:
-    /// Makes the wait return soon. Called from any thread, without the queue's lock.
-    virtual void wake() = 0;
-
-protected:
-    ~IQueueWaiter() = default;
-};
-
 /// A first-in first-out queue of records that worker threads share. Any thread may call.
 ///
 /// Being woken costs more than anything else the queue does, so a push wakes at most one thread, and none
@@ -44,8 +34,11 @@ public:
 
     /// Names the waiter that a push wakes when no thread sleeps in Pop(), and how many threads serve the
     /// queue, the waiter included. Before the first push.
-    void setWaiter(IQueueWaiter* waiter, unsigned workers) {
+    /// @param waiter its wake() makes its wait return soon; called from any thread, without the queue's lock.
+    template <typename Waiter>
+    void setWaiter(Waiter* waiter, unsigned workers) {
         m_waiter = waiter;
+        m_wake_waiter = [](void* object) { static_cast<Waiter*>(object)->wake(); };
         m_workers = workers;
     }
 
@@ -122,7 +115,8 @@ private:
     Plinth::CMutex m_mutex;                               // guards the list and who sleeps
     Plinth::CSemaphore m_semaphore;
     std::atomic<bool> m_looking{false};  // the waiter looks again before it sleeps
-    IQueueWaiter* m_waiter = nullptr;
+    void* m_waiter = nullptr;
+    void (*m_wake_waiter)(void* waiter) = nullptr;
     unsigned m_workers = 1;
 };
 

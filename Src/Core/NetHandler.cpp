@@ -60,7 +60,7 @@ CNetHandler::~CNetHandler() {
         const auto __m_magic = m_internal->__m_magic;
         RAVELO_ASSERT(__m_magic == 0x0202);
     }
-    if (m_internal->sockets->load() > 0) {
+    if (m_internal->sockets.value() > 0) {
         RAVELO_LOG_THIS(
             Plinth::LOG_LEVEL_ERROR,
             "some sockets registered on obj %p has not been removed, please remove it before close the "
@@ -133,10 +133,10 @@ void CNetHandler::DecRef() {
 }
 
 void CNetHandler::AddSock() {
-    m_internal->sockets->fetch_add(1);
+    m_internal->sockets.change(1);
 }
 void CNetHandler::DecSock() {
-    m_internal->sockets->fetch_sub(1);
+    m_internal->sockets.change(-1);
 }
 
 int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int timeout) {

@@ -5,10 +5,10 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "Core/Event.h"
+#include "Core/SocketCount.h"
 
 namespace Veltro::Ravelo {
 
@@ -27,7 +27,7 @@ struct SNetHandlerRecord {
     Plinth::CMutex mutex;                               ///< guards __m_magic and closing
     std::atomic<std::int64_t> references{0};
     /// Shared with the records of the handler's sockets, which may outlive it.
-    std::shared_ptr<std::atomic<std::int64_t>> sockets = std::make_shared<std::atomic<std::int64_t>>(0);
+    CSocketCount sockets = CSocketCount::make();
     std::atomic<std::int64_t> default_receiver{0};
 
     std::int64_t id() const { return entry.key; }

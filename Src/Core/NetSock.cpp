@@ -52,10 +52,6 @@ bool isInFlight(const SEvent& record) {
     return record.m_revents.load(relaxed) != VL_NOPOLL;
 }
 
-void countSock(const SEvent& record, int change) {
-    if (record.owner_sockets) record.owner_sockets->fetch_add(change);
-}
-
 void setOwner(SEvent& record, const SNetHandlerRecord& owner) {
     record.obj_id.store(owner.id(), relaxed);
     record.owner_sockets = owner.sockets;
@@ -89,7 +85,7 @@ SEvent* insertRecord(CBTree& sockets, const SNetHandlerRecord& owner, int fd, un
 void register_new_event(CThreadPool& pool, SEvent& record, int timeout_ms) PLINTH_REQUIRES(record.mutex) {
     if (timeout_ms > 0) CSockTimer::Add(record, timeout_ms);
     pool.multiplexer().add(record);
-    countSock(record, 1);
+    record.owner_sockets.change(1);
     SockTrace::registerNew(record);
 }
 
@@ -175,7 +171,7 @@ bool CNetSock::modify_exist_event(CThreadPool& pool, SEvent& record, const SNetH
         pool.multiplexer().modify(record);
     }
     if (condemned) {
-        countSock(record, 1);
+        record.owner_sockets.change(1);
         record.m_event_mask &= ~unsigned{EventMask::Delete};
     }
     return true;
@@ -234,7 +230,7 @@ int CNetSock::RemoveSock(CNetHandler& handler, CSock& sock) PLINTH_NO_THREAD_SAF
         return 0;
     }
     SockTrace::removeSock("", *record);
-    countSock(*record, -1);
+    record->owner_sockets.change(-1);
     pool->multiplexer().remove(*record);
     sockets.eraseLocked(record->key);
     sockets.leaveWrite();
@@ -246,7 +242,7 @@ int CNetSock::RemoveSock(CNetHandler& handler, CSock& sock) PLINTH_NO_THREAD_SAF
 /// application may close it before the dispatch ends.
 void CNetSock::condemn(CThreadPool& pool, SEvent& record) {
     SockTrace::removeSock(" &1", record);
-    if (!(record.m_event_mask & EventMask::Delete)) countSock(record, -1);
+    if (!(record.m_event_mask & EventMask::Delete)) record.owner_sockets.change(-1);
     record.m_revents.store(VL_POLLDEL, relaxed);
     record.m_event_mask = EventMask::Delete;
     pool.multiplexer().remove(record);

@@ -13,7 +13,7 @@ namespace Veltro::Ravelo {
 /// A socket that fires is not reported again until add() arms it anew after its dispatch. Any thread may add,
 /// modify, remove and wake; one thread at a time, the holder of the reactor token, waits. Lock order: socket
 /// record, set mutex, wake mutex; the socket table is held for reading outside all of them during a pass.
-class CMultiplexer : public IQueueWaiter {
+class CMultiplexer {
 public:
     /// Sockets per kind of interest; see CNetThread::SetSocketCapacity.
     static constexpr unsigned DEFAULT_CAPACITY = 4096;
@@ -42,7 +42,7 @@ public:
     /// @}
 
     /// Ends the current wait, or the next; any number of wakes count as one.
-    void wake() override;
+    void wake();
 
     /// One pass: waits until sockets are ready, the queue wants to be served or wake() is called.
     /// @return the records that fired, received events set, linked by next; null when none did.

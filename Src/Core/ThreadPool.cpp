@@ -147,6 +147,7 @@ void CThreadPool::ThreadProc(Plinth::CThreadLite& self) {
     CPoolTable::setCurrent(this);
     {
         CCurrentObject current;
+        const CEventPool::CThreadList records;
         SQueueRecord* record = nullptr;
         while (self.looping()) {
             if (record == nullptr) record = m_queue.Pop();
