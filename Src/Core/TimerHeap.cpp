@@ -28,7 +28,7 @@ bool CTimerHeap::insert(STimer* timer) {
     const std::size_t sequence = sequenceOf(timer->key);
     try {
         if (sequence >= slots.size()) slots.resize(sequence + sequence / 2 + 64);
-        m_heap.push_back(timer);
+        m_heap.push_back({timer->due_us, timer});
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -62,46 +62,48 @@ STimer* CTimerHeap::removePool(int pool_number) {
 
 /// Takes the timer at an index out; the last one moves to its place.
 STimer* CTimerHeap::takeAt(std::size_t index) {
-    STimer* timer = m_heap[index];
-    STimer* last = m_heap.back();
+    STimer* timer = m_heap[index].timer;
+    const SItem last = m_heap.back();
     m_heap.pop_back();
-    if (last != timer) {
+    if (last.timer != timer) {
         place(last, index);
         siftUp(index);
-        siftDown(last->place);
+        siftDown(last.timer->place);
     }
     *slotOf(timer->key) = nullptr;
     return timer;
 }
 
-void CTimerHeap::place(STimer* timer, std::size_t index) {
-    m_heap[index] = timer;
-    timer->place = static_cast<std::uint32_t>(index);
+void CTimerHeap::place(const SItem& item, std::size_t index) {
+    m_heap[index] = item;
+    item.timer->place = static_cast<std::uint32_t>(index);
 }
 
 void CTimerHeap::siftUp(std::size_t index) {
-    STimer* timer = m_heap[index];
+    const SItem item = m_heap[index];
+    const std::size_t start = index;
     while (index > 0) {
         const std::size_t parent = (index - 1) / 2;
-        if (timer->due_us >= m_heap[parent]->due_us) break;
+        if (item.due_us >= m_heap[parent].due_us) break;
         place(m_heap[parent], index);
         index = parent;
     }
-    place(timer, index);
+    if (index != start) place(item, index);
 }
 
 void CTimerHeap::siftDown(std::size_t index) {
-    STimer* timer = m_heap[index];
+    const SItem item = m_heap[index];
+    const std::size_t start = index;
     for (;;) {
         std::size_t child = 2 * index + 1;
         if (child >= m_heap.size()) break;
         const std::size_t right = child + 1;
-        if (right < m_heap.size() && m_heap[right]->due_us < m_heap[child]->due_us) child = right;
-        if (timer->due_us <= m_heap[child]->due_us) break;
+        if (right < m_heap.size() && m_heap[right].due_us < m_heap[child].due_us) child = right;
+        if (item.due_us <= m_heap[child].due_us) break;
         place(m_heap[child], index);
         index = child;
     }
-    place(timer, index);
+    if (index != start) place(item, index);
 }
 
 }  // namespace Veltro::Ravelo

@@ -23,7 +23,7 @@ public:
     bool empty() const { return m_heap.empty(); }
     std::size_t size() const { return m_heap.size(); }
     /// The timer due first; null when there is none.
-    STimer* root() const { return m_heap.empty() ? nullptr : m_heap.front(); }
+    STimer* root() const { return m_heap.empty() ? nullptr : m_heap.front().timer; }
 
     /// @return false when no memory is left; then the timer is not in the heap.
     bool insert(STimer* timer);
@@ -35,14 +35,20 @@ public:
     STimer* removePool(int pool_number);
 
 private:
-    void place(STimer* timer, std::size_t index);
+    /// The due time stands beside the pointer: comparing follows no pointer.
+    struct SItem {
+        std::uint64_t due_us;
+        STimer* timer;
+    };
+
+    void place(const SItem& item, std::size_t index);
     void siftUp(std::size_t index);
     void siftDown(std::size_t index);
     STimer* takeAt(std::size_t index);
     STimer** slotOf(std::int64_t timer_id);
     static std::size_t sequenceOf(std::int64_t timer_id);
 
-    std::vector<STimer*> m_heap;
+    std::vector<SItem> m_heap;
     // Ids are dense: a pool's go down in steps of one sequence number, so the number is an index.
     std::vector<STimer*> m_by_sequence[POOL_COUNT];
 };
