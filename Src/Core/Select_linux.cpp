@@ -112,6 +112,8 @@ struct CMultiplexer::SImpl {
     unsigned read_count PLINTH_GUARDED_BY(set_mutex) = 0;
     unsigned write_count PLINTH_GUARDED_BY(set_mutex) = 0;
     unsigned except_count PLINTH_GUARDED_BY(set_mutex) = 0;
+    // A record's way through the kernel orders nothing as far as the language goes; this does.
+    std::atomic<unsigned> armings{0};
 
     // The waiting thread's own.
     std::array<epoll_event, EVENTS_PER_PASS> events{};
@@ -123,7 +125,7 @@ struct CMultiplexer::SImpl {
 
     unsigned take_room(unsigned interest) PLINTH_REQUIRES(set_mutex);
     void give_room(unsigned interest) PLINTH_REQUIRES(set_mutex);
-    void arm(SEvent& record, bool fresh) PLINTH_EXCLUDES(set_mutex);
+    void arm(SEvent& record) PLINTH_EXCLUDES(set_mutex);
     void silence(SEvent& record) const;
     int poll(int timeout_ms);
     int poll_for_tick();
@@ -188,20 +190,21 @@ void CMultiplexer::SImpl::give_room(unsigned interest) {
     if (interest & EventMask::Except) --except_count;
 }
 
-/// Makes the kernel wait for the record's mask. A fresh arming gets a new tag, so that events of what the
-/// descriptor was before find no record.
-void CMultiplexer::SImpl::arm(SEvent& record, bool fresh) {
+/// Makes the kernel wait for the record's mask. Every arming gets a new tag, so that events received for an
+/// earlier one, of another interest or of what the descriptor was before, are void.
+void CMultiplexer::SImpl::arm(SEvent& record) {
     const int fd = static_cast<int>(record.key);
     Plinth::CLockGuard guard(set_mutex);
     give_room(record.armed & INTEREST);
     const unsigned interest = take_room(record.m_event_mask & INTEREST);
     const bool was_added = (record.armed & ARMED_ADDED) != 0;
+    record.generation.fetch_add(1, std::memory_order_relaxed);
     record.armed = interest;
     if (interest == 0) {
         if (was_added) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
         return;
     }
-    if (fresh || !was_added) record.generation.fetch_add(1, std::memory_order_relaxed);
+    armings.fetch_add(1, std::memory_order_release);
     epoll_event event{};
     event.events = epollEvents(interest);
     event.data.u64 = tagOf(record);
@@ -221,11 +224,11 @@ void CMultiplexer::SImpl::arm(SEvent& record, bool fresh) {
 void CMultiplexer::add(SEvent& record) {
     const unsigned wanted = (record.m_event_mask & INTEREST) | (record.armed & ARMED_ADDED);
     if (record.armed == wanted && (wanted & ARMED_ADDED)) return;
-    m_impl->arm(record, (record.armed & ARMED_STALE) != 0);
+    m_impl->arm(record);
 }
 
 void CMultiplexer::modify(SEvent& record) {
-    m_impl->arm(record, true);
+    m_impl->arm(record);
 }
 
 void CMultiplexer::markForRearm(SEvent& record) {
@@ -366,7 +369,7 @@ void CMultiplexer::SImpl::rebuild(CBTree& sockets) {
     sockets.visit([this](SKeyedEntry* entry) {
         auto& record = *static_cast<SEvent*>(entry);
         Plinth::CLockGuard record_guard(record.mutex);
-        if (record.armed & ARMED_ADDED) arm(record, true);
+        if (record.armed & ARMED_ADDED) arm(record);
         return true;
     });
 }
@@ -379,6 +382,7 @@ SQueueRecord* CMultiplexer::Wait(CBTree& sockets, CEventQueue& queue) {
                         SocketApi::errorText(error).data());
     }
     if (count <= 0) return nullptr;
+    m_impl->armings.load(std::memory_order_acquire);
     SQueueRecord* head = nullptr;
     SQueueRecord** tail = &head;
     for (int i = 0; i < count; ++i) {
