@@ -312,6 +312,19 @@ TEST_F(NetHandlerOfAFormerPool, RegistersAndTouchesNoSocket) {
     former->Close();
 }
 
+TEST_F(NetHandlerOfAFormerPool, DestroysNoTimerOfTheNewPool) {
+    std::atomic<int> fired{0};
+    heir->on_timeout = [&fired](long) {
+        fired.fetch_add(1);
+        return -1;
+    };
+    const long timer_id = heir->SetTimer(200'000);
+    ASSERT_LT(timer_id, 0);
+    former->DestroyTimer(timer_id);
+    EXPECT_TRUE(waitUntil([&fired] { return fired.load() == 1; }));
+    former->Close();
+}
+
 TEST(NetHandler, OfADestroyedPoolGetsNothingAndFailsQuietly) {
     const CPublicPool public_pool;
     SStreamPair pair;
