@@ -162,7 +162,7 @@ long CNetHandler::SetTimer(std::int64_t period) {
 }
 
 void CNetHandler::DestroyTimer(long timer_id) {
-    CNetTimer::DestroyTimer(timer_id);
+    CNetTimer::DestroyTimer(*m_internal, timer_id);
 }
 
 void CNetHandler::Notify(long receiver, unsigned int type, long info) {

@@ -185,14 +185,18 @@ long CNetTimer::SetTimer(const SNetHandlerRecord& handler, std::int64_t period_u
     return -1;
 }
 
-void CNetTimer::DestroyTimer(long timer_id) {
+void CNetTimer::DestroyTimer(const SNetHandlerRecord& caller, long timer_id) {
+    const int number = poolOfId(timer_id);
+    const CPoolPin pool(number);
+    // Ids start again in a pool that is made anew: the id may name a timer that the caller never set.
+    const bool own_number = poolOfId(caller.id()) == number;
+    if (own_number && (!pool || pool->birth() != caller.pool_birth)) return;
     STimer* timer;
     {
         Plinth::CLockGuard guard(s_state.mutex);
         timer = s_state.heap.remove(timer_id);
     }
     if (timer == nullptr) return;
-    const CPoolPin pool(poolOfId(timer_id));
     if (pool && pool->birth() == timer->pool_birth) {
         end(*pool.get(), timer);
     } else {

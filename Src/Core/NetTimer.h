@@ -31,8 +31,9 @@ public:
 
     /// Arms a new timer; its id, or -1 when the handler's pool has gone or no memory is left.
     static long SetTimer(const SNetHandlerRecord& handler, std::int64_t period_us);
-    /// Ends a timer that waits in the heap; nothing otherwise.
-    static void DestroyTimer(long timer_id);
+    /// Ends a timer that waits in the heap; nothing otherwise. A handler whose pool has gone does not reach
+    /// the timers of the pool that has the number now.
+    static void DestroyTimer(const SNetHandlerRecord& caller, long timer_id);
 
     /// Calls the handler back on a worker of its pool, then arms the timer again or ends it.
     static void dispatch(CThreadPool& pool, CCurrentObject& current, STimer* timer);

@@ -32,6 +32,10 @@ CScarceMemory::~CScarceMemory() {
 
 // The program's own nothrow forms, on top of the ordinary ones so that the ordinary delete fits.
 
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return mayAllocate() ? ::operator new(size) : nullptr;
+}
+
 void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
     return mayAllocate() ? ::operator new(size, alignment) : nullptr;
 }
