@@ -71,6 +71,7 @@ struct SEvent : SQueueRecord {
     std::uint32_t armed = 0;  ///< the multiplexer's own bits: what it waits for at present
     std::uint32_t generation =
         0;  ///< tells this arming of the descriptor from earlier ones of the same number
+    std::uint32_t armed_during = 0;  ///< the multiplexer's own: during which of its waits it was armed last
 };
 
 }  // namespace Veltro::Ravelo
