@@ -67,6 +67,8 @@ public:
         if (m_handler != nullptr) closeAndWait(m_handler);
         m_handler = nullptr;
     }
+    /// Leaves the handler to somebody else.
+    void release() { m_handler = nullptr; }
     CTestHandler* get() const { return m_handler; }
     CTestHandler* operator->() const { return m_handler; }
 
@@ -74,7 +76,17 @@ private:
     CTestHandler* m_handler;
 };
 
-/// Sends a few bytes that surely arrive.
+/// Sends one byte to a socket that is read from by somebody else.
+inline void sendByte(Ravelo::CSockStream& from) {
+    EXPECT_EQ(1, from.Send("x", 1));
+}
+
+/// How many error lines there are, not counting those of a process without an operator console.
+inline int errorLines(const CLogCapture& log) {
+    return log.count(Plinth::LOG_LEVEL_ERROR, "") - log.count(Plinth::LOG_LEVEL_ERROR, "InitConsoleDebug");
+}
+
+/// Sends a few bytes and waits until they have arrived; to a socket that nobody reads from yet.
 inline void sendText(Ravelo::CSockStream& from, const Ravelo::CSockStream& to, const std::string& text) {
     EXPECT_EQ(static_cast<int>(text.size()), from.Send(text.data(), static_cast<unsigned>(text.size())));
     EXPECT_TRUE(waitReadable(to));
