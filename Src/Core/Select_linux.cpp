@@ -354,7 +354,9 @@ SEvent* CMultiplexer::SImpl::collect(CBTree& sockets,
     const unsigned received =
         receivedEvents(is_doubtful ? readyNow(record->key, interest) : event.events, interest);
     if (in_flight || received == VL_NOPOLL) {
-        if (!is_doubtful && !(record->armed & ARMED_SILENT)) silence(*record);
+        // A removed socket's descriptor may be closed already and mean anything by now.
+        const bool can_report = (record->armed & (ARMED_ADDED | ARMED_SILENT)) == ARMED_ADDED;
+        if (!is_doubtful && can_report) silence(*record);
     } else {
         record->m_revents.store(received, std::memory_order_relaxed);
         record->timer.m_time_out = 0;
