@@ -143,6 +143,7 @@ int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask,
     CThreadPool* pool = poolOf(pin, caller);
     if (pool == nullptr) return -1;
     const int timeout_ms = std::max(timeout_us, 0) / 1000;
+    mask &= ~unsigned{EventMask::Delete};  // set by removal only
     SockTrace::registerSock(handler, fd, mask, timeout_ms);
 
     CBTree& sockets = pool->sockets();
@@ -205,6 +206,7 @@ int CNetSock::UnregisterSock(CNetHandler& handler, CSock& sock,
     if (record == nullptr) return 0;
     const std::int64_t owner_id = record->obj_id.load(relaxed);
     const bool refused = isProtectedFrom(*record, caller.id());
+    mask &= ~unsigned{EventMask::Delete};
     if (!refused && (record->m_event_mask & mask)) {
         record->m_event_mask &= ~mask;
         const bool idle_interest = !(record->m_event_mask & (EventMask::Read | EventMask::Write));

@@ -69,6 +69,8 @@ CThreadPool::CThreadPool(unsigned number, unsigned thread_num, const SThreadSett
 
 CThreadPool::~CThreadPool() {
     free_queued();
+    // The table leaves the record of descriptor 0 to us.
+    if (SKeyedEntry* record = m_sockets.erase(0)) CNetSock::freeRecord(record);
     CEventPool::put(m_reactor_token);
 }
 

@@ -315,3 +315,61 @@ TEST(NetSockLife, ABusySocketDoesNotStarveTheOthers) {
     busy.close();
     handler->RemoveSock(pair.server);
 }
+
+TEST(NetSockLife, TheRecordOfDescriptorZeroGoesWithItsPool) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+    const CPublicPool pool;
+    CSockStream zero;
+    zero.Attach(0);
+    const int number = CNetThread::CreatePrivatePool(2, false);
+    ASSERT_GT(number, 0);
+    {
+        CScopedHandler handler(number);
+        EXPECT_EQ(0, handler->RegisterSock(zero, EventMask::None, 60'000'000));
+    }
+    SEvent* record = nullptr;
+    {
+        const CPoolPin pin(number);
+        record = pin->sockets().findSock(0);
+        ASSERT_NE(nullptr, record);
+        record->mutex.unlock();
+    }
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(number));
+    {
+        // Its memory stays a record; its time-out must not wait for the next pool of this number.
+        Plinth::CLockGuard guard(record->mutex);
+        EXPECT_FALSE(record->timer.linked);
+    }
+    zero.Detach();
+}
+
+TEST(NetSockLife, TheInternalMarkOfRemovalCannotBeSetOrClearedFromOutside) {
+    const CPublicPool pool;
+    Plinth::CSemaphore served;
+    CScopedHandler handler;
+    SSocketPair pair;
+    const int fd = pair.server.GetHandle();
+    bool remove = false;
+    handler->on_input = [&](int input_fd) {
+        EXPECT_EQ(1, drain(input_fd));
+        if (remove) {
+            handler->RemoveSock(pair.server);
+            EXPECT_EQ(0, handler->UnregisterSock(pair.server, EventMask::Delete));
+        }
+        served.post();
+        return 0;
+    };
+    EXPECT_EQ(0, handler->RegisterSock(pair.server, EventMask::Read | EventMask::Delete, 0));
+    EXPECT_EQ(unsigned{EventMask::Read}, sockState(fd).mask);
+    EXPECT_EQ(0, handler->RegisterSock(pair.server, EventMask::Delete, 0));
+    for (int i = 0; i < 3; ++i) {
+        sendByte(pair.client);
+        ASSERT_TRUE(pend(served));
+    }
+    EXPECT_TRUE(waitUntil([fd] { return isIdle(fd); }));
+    EXPECT_EQ(1, sockCount(handler.get()));
+    remove = true;
+    sendByte(pair.client);
+    ASSERT_TRUE(pend(served));
+    EXPECT_TRUE(waitUntil([fd] { return !sockState(fd).registered; }));
+    EXPECT_EQ(0, sockCount(handler.get()));
+}

@@ -325,3 +325,36 @@ TEST(NetSockTimeout, ALongDispatchIsNotTimedOut) {
     handler.close();
     EXPECT_EQ(0, timeouts.load());
 }
+
+TEST(NetSockTimeout, OfADestroyedPoolNeverReachesItsSuccessor) {
+    const CPublicPool pool;
+    Plinth::CSemaphore later;
+    std::atomic<int> calls{0};
+    SSocketPair pairs[8];
+    SSocketPair witness_pair;
+    CScopedHandler witness;
+    witness->on_input_timeout = [&](int) {
+        later.post();
+        return 0;
+    };
+    const auto count = [&calls](int) { return ++calls; };
+    const int number = CNetThread::CreatePrivatePool(2, false);
+    ASSERT_GT(number, 0);
+    CScopedHandler former(number);
+    const long former_id = former->GetID();
+    for (SSocketPair& pair : pairs) former->RegisterSock(pair.server, EventMask::Read, 1000);
+    former.close();
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(number));
+    ASSERT_EQ(number, CNetThread::CreatePrivatePool(2, false));
+    {
+        CScopedHandler successor(number);
+        EXPECT_EQ(former_id, successor->GetID());
+        successor->on_input = successor->on_input_timeout = count;
+        witness->RegisterSock(witness_pair.server, EventMask::Read, 600'000);
+        for (SSocketPair& pair : pairs) sendByte(pair.client);
+        EXPECT_TRUE(pend(later));
+        witness->RemoveSock(witness_pair.server);
+    }
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(number));
+    EXPECT_EQ(0, calls.load());
+}
