@@ -355,3 +355,25 @@ TEST(NetSock, TheSameDescriptorMayBeRegisteredInTwoPools) {
     }
     EXPECT_EQ(0, CNetThread::DestroyPrivatePool(number));
 }
+
+TEST(NetSock, TheLastPoolEndsWithoutALineWhenNobodyElseUsesTheSocketLayer) {
+    CLogCapture log;
+    SocketApi::cleanup();  // the test program's own use
+    for (int i = 0; i < 5; ++i) {
+        Plinth::CSemaphore done;
+        const CPublicPool pool;
+        CScopedHandler handler;
+        SSocketPair pair;
+        handler->on_input = [&](int fd) {
+            EXPECT_EQ(1, drain(fd));
+            done.post();
+            return 0;
+        };
+        EXPECT_EQ(0, handler->RegisterSock(pair.server, EventMask::Read, 0));
+        sendByte(pair.client);
+        EXPECT_TRUE(pend(done));
+        EXPECT_EQ(0, handler->RemoveSock(pair.server));
+    }
+    EXPECT_EQ(0, errorLines(log));
+    EXPECT_EQ(0, SocketApi::startup());
+}
