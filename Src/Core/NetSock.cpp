@@ -190,6 +190,7 @@ int CNetSock::UnregisterSock(CNetHandler& handler, CSock& sock,
     if (record == nullptr) return 0;
     const std::int64_t owner_id = record->obj_id.load(relaxed);
     const bool refused = isProtectedFrom(*record, caller.id());
+    mask &= ~unsigned{EventMask::Delete};
     if (!refused && (record->m_event_mask & mask)) {
         record->m_event_mask &= ~mask;
         const bool idle_interest = !(record->m_event_mask & (EventMask::Read | EventMask::Write));

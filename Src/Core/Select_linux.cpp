@@ -5,6 +5,7 @@
 // silences it; the end of the dispatch arms it again.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -73,6 +74,12 @@ unsigned receivedEvents(std::uint32_t events, unsigned interest) {
     return received;
 }
 
+/// What epoll would report of a descriptor at this moment.
+std::uint32_t readyNow(std::int64_t fd, unsigned interest) {
+    pollfd wanted{static_cast<int>(fd), static_cast<short>(epollEvents(interest)), 0};
+    return ::poll(&wanted, 1, 0) == 1 ? static_cast<std::uint32_t>(wanted.revents) : 0;
+}
+
 /// Watches for events without a record. One is late at most once; if it comes again, it is of a file that the
 /// application closed here but that lives on under another descriptor, and it would come for ever: only the
 /// descriptor that is gone could take it out of the epoll set.
@@ -114,6 +121,9 @@ struct CMultiplexer::SImpl {
     unsigned except_count PLINTH_GUARDED_BY(set_mutex) = 0;
     // A record's way through the kernel orders nothing as far as the language goes; this does.
     std::atomic<unsigned> armings{0};
+
+    /// Counts the calls of epoll_wait; written by the waiting thread only.
+    std::atomic<std::uint32_t> wait_number{0};
 
     // The waiting thread's own.
     std::array<epoll_event, EVENTS_PER_PASS> events{};
@@ -222,6 +232,7 @@ void CMultiplexer::SImpl::arm(SEvent& record) {
 }
 
 void CMultiplexer::add(SEvent& record) {
+    record.armed_during = m_impl->wait_number.load();
     const unsigned wanted = (record.m_event_mask & INTEREST) | (record.armed & ARMED_ADDED);
     if (record.armed == wanted && (wanted & ARMED_ADDED)) return;
     m_impl->arm(record);
@@ -261,6 +272,7 @@ void CMultiplexer::SImpl::drain_pipe() {
 }
 
 int CMultiplexer::SImpl::poll(int timeout_ms) {
+    wait_number.fetch_add(1);
     return epoll_wait(epoll_fd, events.data(), EVENTS_PER_PASS, timeout_ms);
 }
 
@@ -268,6 +280,7 @@ int CMultiplexer::SImpl::poll(int timeout_ms) {
 int CMultiplexer::SImpl::poll_for_tick() {
     static std::atomic<bool> s_has_pwait2{true};
     if (s_has_pwait2.load(std::memory_order_relaxed)) {
+        wait_number.fetch_add(1);
         timespec tick{0, CEventQueue::STANDBY_TICK_US * 1000};
         const int count = epoll_pwait2(epoll_fd, events.data(), EVENTS_PER_PASS, &tick, nullptr);
         if (count >= 0 || errno != ENOSYS) return count;
@@ -343,9 +356,14 @@ SEvent* CMultiplexer::SImpl::collect(const epoll_event& event) {
         orphans.note(event.data.u64);
         return nullptr;
     }
-    const unsigned received = receivedEvents(event.events, record.armed & INTEREST);
-    if (record.m_revents.load(std::memory_order_relaxed) != VL_NOPOLL || received == VL_NOPOLL) {
-        if (!(record.armed & ARMED_SILENT)) silence(record);
+    const unsigned interest = record.armed & INTEREST;
+    const bool in_flight = record.m_revents.load(std::memory_order_relaxed) != VL_NOPOLL;
+    // A dispatch that ended during this wait may have taken away what the wait saw before.
+    const bool is_doubtful = !in_flight && record.armed_during == wait_number.load(std::memory_order_relaxed);
+    const unsigned received =
+        receivedEvents(is_doubtful ? readyNow(record.key, interest) : event.events, interest);
+    if (in_flight || received == VL_NOPOLL) {
+        if (!is_doubtful && !(record.armed & ARMED_SILENT)) silence(record);
         return nullptr;
     }
     record.m_revents.store(received, std::memory_order_relaxed);

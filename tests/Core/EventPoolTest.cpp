@@ -32,7 +32,7 @@ void expectStartValues(const SEvent& record, std::int64_t key) {
     EXPECT_FALSE(record.timer.linked);
     EXPECT_EQ(record.timer.record, &record);
     EXPECT_EQ(record.armed, 0U);
-    EXPECT_EQ(record.owner_sockets, nullptr);
+    EXPECT_EQ(record.owner_sockets.value(), 0);
 }
 
 TEST_F(EventPool, GivesARecordWithStartValuesAndTheKey) {
@@ -52,7 +52,8 @@ TEST_F(EventPool, GivesTheRecordFreedLastWithStartValuesAgain) {
     record->timer.m_set_time = 5;
     record->timer.m_time_out = 6;
     record->armed = 3;
-    record->owner_sockets = std::make_shared<std::atomic<std::int64_t>>(1);
+    record->owner_sockets = CSocketCount::make();
+    record->owner_sockets.change(1);
     CEventPool::put(record);
     EXPECT_EQ(CEventPool::get(-80), record);
     expectStartValues(*record, -80);
