@@ -441,6 +441,7 @@ TEST(NetTimer, ManyThreadsArmAndDestroyWhileTimersFire) {
     std::atomic<int> calls{0};
     SHandler handler;
     handler->on_timeout = [&](long) -> std::int64_t { return ++calls % 3 == 0 ? 3000 : -1; };
+    handler->SetTimer(3000);  // one that nobody destroys
     std::vector<std::unique_ptr<Plinth::CThreadLite>> threads;
     for (int t = 0; t < 4; ++t) {
         threads.push_back(std::make_unique<Plinth::CThreadLite>(
@@ -454,6 +455,6 @@ TEST(NetTimer, ManyThreadsArmAndDestroyWhileTimersFire) {
         ASSERT_TRUE(threads.back()->createThread());
     }
     for (auto& thread : threads) thread->destroyThread();
+    EXPECT_TRUE(waitUntil([&] { return calls.load() > 0; }));
     EXPECT_TRUE(waitUntil([] { return CNetTimer::armed() == 0; }));
-    EXPECT_GT(calls.load(), 0);
 }
