@@ -61,15 +61,18 @@ struct SRig {
     }
 };
 
-/// Runs a pass that is held up between its wait and its walk, and does something meanwhile.
-std::vector<SEvent*> passHeldUp(SRig& rig, const std::function<void()>& meanwhile) {
+/// Runs a pass that is held up between its wait and its walk, and does something meanwhile, with the record's
+/// mutex held.
+std::vector<SEvent*> passHeldUp(SRig& rig, SEvent& record, const std::function<void()>& meanwhile) {
     std::vector<SEvent*> fired;
     rig.sockets.enterWrite();
+    record.mutex.lock();
     Plinth::CThreadLite waiter([&](Plinth::CThreadLite&) { fired = rig.pass(); }, "waiter");
     EXPECT_TRUE(waiter.createThread());
-    // Nothing tells that the waiter has come to the table's lock. Coming late it sees less, and passes.
+    // Nothing tells that the waiter has come to a lock. Coming late it sees less, and passes.
     Plinth::sleepMilliSecond(50);
     meanwhile();
+    record.mutex.unlock();
     rig.sockets.leaveWrite();
     rig.multiplexer.wake();
     waiter.destroyThread();
@@ -256,8 +259,7 @@ TEST(Select, AnInterestWithdrawnDuringAPassDoesNotSilenceTheOther) {
     SEvent& record = rig.enroll(pair.server, EventMask::Read | EventMask::Write);
     ASSERT_EQ(Fired{&record}, rig.pass());
     // The pass sees the socket writable; then its dispatch ends without interest in that.
-    passHeldUp(rig, [&] {
-        Plinth::CLockGuard guard(record.mutex);
+    passHeldUp(rig, record, [&] {
         record.m_event_mask = EventMask::Read;
         record.m_revents = VL_NOPOLL;
         rig.multiplexer.add(record);
@@ -273,9 +275,10 @@ TEST(Select, WhatADispatchTookAwayDuringAPassIsNotReportedAgain) {
     SEvent& record = rig.enroll(pair.server, EventMask::Read);
     sendText(pair.client, pair.server, "x");
     ASSERT_EQ(Fired{&record}, rig.pass());
-    const Fired fired = passHeldUp(rig, [&] {
+    const Fired fired = passHeldUp(rig, record, [&] {
         EXPECT_EQ(1, drain(pair.server.GetHandle()));
-        rig.endDispatch(record);
+        record.m_revents = VL_NOPOLL;
+        rig.multiplexer.add(record);
     });
     EXPECT_EQ(Fired{}, fired);
     sendText(pair.client, pair.server, "x");
@@ -287,10 +290,10 @@ TEST(Select, AReusedDescriptorInheritsNoReadiness) {
     SSocketPair pair;
     SEvent& record = rig.enroll(pair.server, EventMask::Read);
     sendText(pair.client, pair.server, "x");
-    const Fired fired = passHeldUp(rig, [&] {
+    const Fired fired = passHeldUp(rig, record, [&] {
         // To the multiplexer this is another socket under the same number.
         EXPECT_EQ(1, drain(pair.server.GetHandle()));
-        rig.setMask(record, EventMask::Read);
+        rig.multiplexer.modify(record);
     });
     EXPECT_EQ(Fired{}, fired);
     EXPECT_EQ(unsigned{VL_NOPOLL}, record.m_revents.load());
