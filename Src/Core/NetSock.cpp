@@ -126,6 +126,9 @@ void CNetSock::reset_timer(SEvent& record, std::int64_t t) {
 
 void CNetSock::stop() {
     CSockTimer::stop();
+}
+
+void CNetSock::cleanup() {
     SocketApi::cleanup();
 }
 

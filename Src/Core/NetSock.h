@@ -23,7 +23,10 @@ class CNetSock {
 public:
     /// Starts the system's socket layer and the time-outs; 0 or -1.
     static int start();
+    /// Ends the time-outs.
     static void stop();
+    /// Ends the system's socket layer, once no worker is left that may use its sockets.
+    static void cleanup();
 
     /// See CNetHandler's operations of the same names; the handler given is the caller and becomes the owner.
     static int RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask, int timeout_us);

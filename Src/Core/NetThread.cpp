@@ -55,6 +55,7 @@ void destroyPool(int number) {
 int undoServices(bool timers) {
     if (timers) CNetTimer::stop();
     CNetSock::stop();
+    CNetSock::cleanup();
     return -1;
 }
 
@@ -111,6 +112,7 @@ void shutDown(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
     CTsMemory::DestroyMemPool();
     CEventPool::destroy();
     SslSetup::stop();
+    CNetSock::cleanup();
     state.pool_count = -1;
 }
 
