@@ -281,6 +281,8 @@ void CNetSock::freeRecord(SKeyedEntry* entry) {
     {
         Plinth::CLockGuard guard(record->mutex);
         if (CSockTimer::isInList(*record)) CSockTimer::Delete(*record);
+        // A condemned record was taken off its owner's count when it was removed.
+        if (!(record->m_event_mask & EventMask::Delete)) record->owner_sockets.change(-1);
     }
     CEventPool::put(record);
 }

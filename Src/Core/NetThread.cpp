@@ -27,17 +27,28 @@ int refuseStopping() {
     return -1;
 }
 
-/// Creates and starts a pool and enters it in the table; false when no memory is left.
-bool createPool(SNetThreadState& state, int number, unsigned thread_num) PLINTH_REQUIRES(state.mutex) {
+/// A pool with its threads running; null when the system has no memory or no thread to give.
+std::unique_ptr<CThreadPool> startPool(SNetThreadState& state, int number, unsigned thread_num)
+    PLINTH_REQUIRES(state.mutex) {
     try {
         auto pool = std::make_unique<CThreadPool>(static_cast<unsigned>(number), thread_num,
                                                   state.worker_settings, state.capacity, state.processors);
-        pool->start();
-        CPoolTable::enter(number, pool.release());
+        if (pool->start()) return pool;
+        pool->stop();
     } catch (const std::bad_alloc&) {
-        RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "no memory for thread pool %d\n", number);
+        // Told by the result.
+    }
+    return nullptr;
+}
+
+/// Starts a pool and enters it in the table.
+bool createPool(SNetThreadState& state, int number, unsigned thread_num) PLINTH_REQUIRES(state.mutex) {
+    auto pool = startPool(state, number, thread_num);
+    if (!pool) {
+        RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "no memory or no thread for thread pool %d\n", number);
         return false;
     }
+    CPoolTable::enter(number, pool.release());
     state.worker_settings = SThreadSettings{};
     return true;
 }

@@ -75,11 +75,19 @@ CThreadPool::~CThreadPool() {
     CEventPool::put(m_reactor_token);
 }
 
-void CThreadPool::start() {
+bool CThreadPool::start() {
+    try {
+        return start_threads();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool CThreadPool::start_threads() {
     const std::string daemon_name = poolName(m_number) + " daemon";
     m_daemon = std::make_unique<Plinth::CThreadLite>(
         [this](Plinth::CThreadLite& self) { DaemonThreadProc(self); }, daemon_name.c_str());
-    m_daemon->createThread();
+    if (!m_daemon->createThread()) return false;
 
     // Without a multiplexer nobody can wait for sockets; messages and timers still run.
     if (m_multiplexer_works) m_queue.push(m_reactor_token);
@@ -90,18 +98,19 @@ void CThreadPool::start() {
         m_threads.push_back(std::make_unique<Plinth::CThreadLite>(
             [this](Plinth::CThreadLite& self) { ThreadProc(self); }, name.c_str(), m_settings.priority,
             m_settings.policy, m_settings.param));
-        m_threads.back()->createThread();
+        if (!m_threads.back()->createThread()) return false;
     }
+    return true;
 }
 
 void CThreadPool::stop() {
     m_stopping.store(true);
-    m_daemon->cancelThread();
+    if (m_daemon) m_daemon->cancelThread();
     m_semaphore.post();
     for (auto& thread : m_threads) thread->cancelThread();
     m_queue.stop();
     for (auto& thread : m_threads) thread->destroyThread();
-    m_daemon->destroyThread();
+    if (m_daemon) m_daemon->destroyThread();
 }
 
 void CThreadPool::bind(CNetHandler& handler, SNetHandlerRecord& record) {

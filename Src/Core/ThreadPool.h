@@ -41,7 +41,7 @@ struct SDaemonTimes {
 /// fired; whoever takes the serial token delivers the serial messages in order.
 class CThreadPool {
 public:
-    /// Throws std::bad_alloc when no memory is left, as start() does.
+    /// Throws std::bad_alloc when no memory is left.
     CThreadPool(unsigned number, unsigned thread_num, const SThreadSettings& settings, unsigned capacity,
                 unsigned processors);
     /// stop() must have returned. Queued records and the socket table's go back; handlers are left alone.
@@ -49,8 +49,9 @@ public:
     CThreadPool(const CThreadPool&) = delete;
     CThreadPool& operator=(const CThreadPool&) = delete;
 
-    /// Starts the daemon, queues the tokens and starts the workers.
-    void start();
+    /// Starts the daemon, queues the tokens and starts the workers; false when the system has no memory or no
+    /// thread to give: then stop().
+    bool start();
     /// Ends workers and daemon and waits for them; not from one of its own threads.
     void stop();
     bool isStopping() const { return m_stopping.load(std::memory_order_relaxed); }
@@ -88,6 +89,7 @@ public:
 private:
     friend struct SThreadPoolProbe;  // tests
 
+    bool start_threads();
     void ThreadProc(Plinth::CThreadLite& self);
     SQueueRecord* dispatch(CCurrentObject& current, SQueueRecord* record);
     SQueueRecord* run_pass(SQueueRecord* token);

@@ -22,8 +22,9 @@ int setNonBlocking(int fd, bool non_blocking);
 int bind(int fd, const sockaddr* addr, int length);
 int listen(int fd, int backlog);
 int connect(int fd, const sockaddr* addr, int length);
-/// The new socket, or -1. addr may be null; *length is its size in bytes, before and after.
-int accept(int fd, sockaddr* addr, int* length);
+/// The new socket, non-blocking or blocking as asked, or -1. addr may be null; *length is its size in bytes,
+/// before and after.
+int accept(int fd, sockaddr* addr, int* length, bool non_blocking);
 int getSockName(int fd, sockaddr* addr, int* length);
 int getPeerName(int fd, sockaddr* addr, int* length);
 

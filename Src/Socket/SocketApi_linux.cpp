@@ -88,9 +88,10 @@ int connect(int fd, const sockaddr* addr, int length) {
     return result < 0 && errno == EINTR ? finishConnect(fd) : result;
 }
 
-int accept(int fd, sockaddr* addr, int* length) {
+int accept(int fd, sockaddr* addr, int* length, bool non_blocking) {
     socklen_t size = addr != nullptr && length != nullptr ? toLength(*length) : 0;
-    const int accepted = ::accept4(fd, addr, addr != nullptr ? &size : nullptr, SOCK_CLOEXEC);
+    const int flags = SOCK_CLOEXEC | (non_blocking ? SOCK_NONBLOCK : 0);
+    const int accepted = ::accept4(fd, addr, addr != nullptr ? &size : nullptr, flags);
     if (accepted >= 0 && length != nullptr) *length = static_cast<int>(size);
     return accepted;
 }

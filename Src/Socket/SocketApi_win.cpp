@@ -88,10 +88,12 @@ int connect(int fd, const sockaddr* addr, int length) {
     return ::connect(toSocket(fd), addr, length);
 }
 
-int accept(int fd, sockaddr* addr, int* length) {
+int accept(int fd, sockaddr* addr, int* length, bool non_blocking) {
     const SOCKET accepted = ::accept(toSocket(fd), addr, addr != nullptr ? length : nullptr);
     if (accepted != INVALID_SOCKET) {
         SetHandleInformation(reinterpret_cast<HANDLE>(accepted), HANDLE_FLAG_INHERIT, 0);
+        // It has the listening socket's mode so far.
+        setNonBlocking(fromSocket(accepted), non_blocking);
     }
     return fromSocket(accepted);
 }

@@ -57,6 +57,9 @@ protected:
     int m_fd;
     unsigned int m_type;
     bool m_block_opt;
+
+private:
+    friend class CSockAcceptor;  // gives accepted sockets to streams
 };
 
 }  // namespace Veltro::Ravelo

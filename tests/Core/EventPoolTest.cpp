@@ -74,8 +74,7 @@ TEST_F(EventPool, FreedRecordsKeepTheirMemoryUntilDestroy) {
     SEvent* record = CEventPool::get(-50);
     CEventPool::put(record);
     // A late reader of a stale pointer may still take the record's mutex.
-    EXPECT_TRUE(record->mutex.tryLock());
-    record->mutex.unlock();
+    { const Plinth::CLockGuard guard(record->mutex); }
     CEventPool::destroy();
     SEvent* fresh = CEventPool::get(-51);
     ASSERT_NE(fresh, nullptr);

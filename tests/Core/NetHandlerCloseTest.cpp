@@ -139,6 +139,7 @@ protected:
         entered.open();
         EXPECT_TRUE(leave.pass());
         EXPECT_EQ(closed.load(), 0);
+        handler->RemoveSock(pair.near_end);
         return -1;
     }
     void closeMeanwhile() {
