@@ -52,17 +52,13 @@ def main():
     names = exported(library, reader)
     entries = [(pattern(kind, name), name, later) for kind, name, later in documented(expectations, section)]
     unseen = {name for _, name, later in entries if not later}
-    unexpected, tolerated = [], []
+    unexpected = []
     for mangled, readable in zip(names, demangled(names, cxxfilt)):
         owners = [name for form, name, _ in entries if form.match(readable)]
         unseen.difference_update(owners)
-        # mingw's compiler marks the type information of some internal types for export, unasked; it gives
-        # nothing to call and is only counted.
-        if not owners and library.lower().endswith(".dll") and readable.startswith("typeinfo for "):
-            tolerated.append(readable)
-        elif not owners:
+        if not owners:
             unexpected.append(f"{readable}   ({mangled})")
-    print(f"{library}: {len(names)} names exported, {len(tolerated)} of them stray type information")
+    print(f"{library}: {len(names)} names exported")
     for name in unexpected:
         print(f"exported, but not documented: {name}")
     for name in sorted(unseen):
