@@ -35,6 +35,11 @@ consteval SFixedText<Size + 2> sourceName(const char (&path)[Size]) {
 consteval SFixedText<96> qualifiedName(const char* description) {
     SFixedText<96> name;
     std::string_view whole(description);
+    // Compilers spell the unnamed namespace in different ways.
+    for (const std::string_view unnamed : {"{anonymous}::", "(anonymous namespace)::"}) {
+        const std::size_t start = whole.find(unnamed);
+        if (start != std::string_view::npos) whole = whole.substr(start + unnamed.size());
+    }
     whole = whole.substr(0, whole.find('('));
     const std::size_t blank = whole.rfind(' ');
     if (blank != std::string_view::npos) whole = whole.substr(blank + 1);
@@ -79,16 +84,19 @@ inline int logThreadId() {
         }                                                                                                    \
     } while (false)
 
-#define RAVELO_COMMA_THIS , static_cast<const void*>(this)
+#define RAVELO_COMMA(object) , static_cast<const void*>(object)
 #define RAVELO_NOTHING
 
 // A line of a static or free function: "[file:line] tid:N, " and the format.
 #define RAVELO_LOG(level, format, ...) \
     RAVELO_LOG_WITH(level, "", RAVELO_NOTHING, format __VA_OPT__(, ) __VA_ARGS__)
 
-// A line of a member function: "[file:line] this:P tid:N, " and the format.
-#define RAVELO_LOG_THIS(level, format, ...) \
-    RAVELO_LOG_WITH(level, "this:%p ", RAVELO_COMMA_THIS, format __VA_OPT__(, ) __VA_ARGS__)
+// A line about an object: "[file:line] this:P tid:N, " and the format.
+#define RAVELO_LOG_OF(object, level, format, ...) \
+    RAVELO_LOG_WITH(level, "this:%p ", RAVELO_COMMA(object), format __VA_OPT__(, ) __VA_ARGS__)
+
+// The same in a member function.
+#define RAVELO_LOG_THIS(level, format, ...) RAVELO_LOG_OF(this, level, format __VA_OPT__(, ) __VA_ARGS__)
 
 #define RAVELO_ASSERT(expression)                                                       \
     do {                                                                                \

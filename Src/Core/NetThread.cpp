@@ -99,6 +99,21 @@ int initialise(SNetThreadState& state, unsigned thread_num) PLINTH_REQUIRES(stat
     return 0;
 }
 
+/// Stores settings for threads to come, if their policy is known. @param function the caller's name for the
+/// log.
+int storeSettings(const char* function, SThreadSettings SNetThreadState::*place,
+                  const SThreadSettings& settings) {
+    if (settings.policy != 0 && settings.policy != 1) {
+        RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "%s : Thread policy set error!\n", function);
+        return -1;
+    }
+    SNetThreadState& state = SNetThreadState::get();
+    const CCreationGuard guard(state);
+    if (!guard) return refuseStopping();
+    state.*place = settings;
+    return 0;
+}
+
 bool isCurrent(int number) {
     const CThreadPool* own = CPoolTable::current();
     return own != nullptr && own->number() == number;
@@ -222,27 +237,12 @@ int CNetThread::SetThreadPriority(int priority, int policy, int param) {
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "%s : Thread priority set error!\n", __func__);
         return -1;
     }
-    if (policy != 0 && policy != 1) {
-        RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "%s : Thread policy set error!\n", __func__);
-        return -1;
-    }
-    SNetThreadState& state = SNetThreadState::get();
-    const CCreationGuard guard(state);
-    if (!guard) return refuseStopping();
-    state.worker_settings = SThreadSettings{priority, policy, param};
-    return 0;
+    return storeSettings(__func__, &SNetThreadState::worker_settings,
+                         SThreadSettings{priority, policy, param});
 }
 
 int CNetThread::SetRecvThreadPriority(int priority, int policy, int param) {
-    if (policy != 0 && policy != 1) {
-        RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "%s : Thread policy set error!\n", __func__);
-        return -1;
-    }
-    SNetThreadState& state = SNetThreadState::get();
-    const CCreationGuard guard(state);
-    if (!guard) return refuseStopping();
-    state.recv_settings = SThreadSettings{priority, policy, param};
-    return 0;
+    return storeSettings(__func__, &SNetThreadState::recv_settings, SThreadSettings{priority, policy, param});
 }
 
 void CNetThread::SetRcvPriority(int level) {

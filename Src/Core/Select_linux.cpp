@@ -17,7 +17,7 @@
 
 #include "Core/Select.h"
 #include "Core/SpinBudget.h"
-#include "Core/WinPipe.h"
+#include "Core/WakePipe.h"
 #include "Log.h"
 #include "Socket/SocketApi.h"
 
@@ -109,11 +109,9 @@ private:
 }  // namespace
 
 struct CMultiplexer::SImpl {
-    Plinth::CMutex set_mutex;   // guards the counts of armed sockets
-    Plinth::CMutex wake_mutex;  // guards the pending byte
+    Plinth::CMutex set_mutex;  // guards the counts of armed sockets
     int epoll_fd = -1;
-    CWINPipe pipe;
-    int pending_bytes PLINTH_GUARDED_BY(wake_mutex) = 0;
+    CWakePipe wake_pipe;
     const unsigned pool_number;
     const unsigned capacity;
     unsigned read_count PLINTH_GUARDED_BY(set_mutex) = 0;
@@ -142,7 +140,6 @@ struct CMultiplexer::SImpl {
     int look_again(CEventQueue& queue);
     int sleep(CEventQueue& queue);
     int wait_for_events(CEventQueue& queue);
-    void drain_pipe();
     SEvent* collect(const epoll_event& event);
     void rebuild(CBTree& sockets);
 };
@@ -172,8 +169,8 @@ int CMultiplexer::Init() {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = WAKE_TAG;
-    if (m_impl->epoll_fd < 0 || m_impl->pipe.Create(false) != 0 ||
-        epoll_ctl(m_impl->epoll_fd, EPOLL_CTL_ADD, m_impl->pipe.readFd(), &event) != 0) {
+    if (m_impl->epoll_fd < 0 || m_impl->wake_pipe.Create() != 0 ||
+        epoll_ctl(m_impl->epoll_fd, EPOLL_CTL_ADD, m_impl->wake_pipe.readFd(), &event) != 0) {
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s :CreatePipe failed!\n", __func__);
         return -1;
     }
@@ -257,18 +254,7 @@ void CMultiplexer::remove(SEvent& record) {
 }
 
 void CMultiplexer::wake() {
-    Plinth::CLockGuard guard(m_impl->wake_mutex);
-    if (m_impl->pending_bytes > 0) return;
-    const int written = CWINPipe::Write(m_impl->pipe.writeFd(), "w", 1);
-    if (written > 0) m_impl->pending_bytes += written;
-}
-
-void CMultiplexer::SImpl::drain_pipe() {
-    Plinth::CLockGuard guard(wake_mutex);
-    if (pending_bytes <= 0) return;
-    char bytes[256];
-    const int received = CWINPipe::Read(pipe.readFd(), bytes, sizeof bytes);
-    if (received > 0) pending_bytes -= received;
+    m_impl->wake_pipe.wake();
 }
 
 int CMultiplexer::SImpl::poll(int timeout_ms) {
@@ -379,7 +365,7 @@ void CMultiplexer::SImpl::rebuild(CBTree& sockets) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = WAKE_TAG;
-    epoll_ctl(fresh, EPOLL_CTL_ADD, pipe.readFd(), &event);
+    epoll_ctl(fresh, EPOLL_CTL_ADD, wake_pipe.readFd(), &event);
     // Under the same number, so that threads which are arming at this moment go on with the new set.
     dup3(fresh, epoll_fd, O_CLOEXEC);
     ::close(fresh);
@@ -406,7 +392,7 @@ SQueueRecord* CMultiplexer::Wait(CBTree& sockets, CEventQueue& queue) {
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = m_impl->events[static_cast<std::size_t>(i)];
         if (event.data.u64 == WAKE_TAG) {
-            m_impl->drain_pipe();
+            m_impl->wake_pipe.drain();
         } else if (SEvent* record = m_impl->collect(event)) {
             *tail = record;
             tail = &record->next;

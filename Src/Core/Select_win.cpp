@@ -11,7 +11,7 @@
 #include <Ravelo/SockStream.h>
 
 #include "Core/Select.h"
-#include "Core/WinPipe.h"
+#include "Core/WakePipe.h"
 #include "Log.h"
 #include "Socket/SocketApi.h"
 
@@ -75,13 +75,11 @@ int createPair(CSockAcceptor& listener, CSockStream& writer, CSockStream& reader
 }  // namespace
 
 struct CMultiplexer::SImpl {
-    Plinth::CMutex set_mutex;   // guards the master sets
-    Plinth::CMutex wake_mutex;  // guards the pending byte
-    SSetBlock working;          // the waiting thread's own
+    Plinth::CMutex set_mutex;  // guards the master sets
+    SSetBlock working;         // the waiting thread's own
     SSetBlock master PLINTH_GUARDED_BY(set_mutex);
     bool waiting PLINTH_GUARDED_BY(set_mutex) = false;  // a wait runs on an older copy of the master sets
-    CWINPipe pipe;
-    int pending_bytes PLINTH_GUARDED_BY(wake_mutex) = 0;
+    CWakePipe wake_pipe;
     const unsigned pool_number;
     const unsigned capacity;
     std::uint32_t last_generation PLINTH_GUARDED_BY(set_mutex) = 0;
@@ -100,7 +98,6 @@ struct CMultiplexer::SImpl {
     void copy_master();
     int select_once(timeval* limit);
     int sleep(CEventQueue& queue);
-    void drain_pipe();
     unsigned received_events(SOCKET fd) const;
     bool fire(SEvent& record);
     void drop_bad_sockets();
@@ -126,12 +123,12 @@ int CWINPipe::Create(bool block) {
 }
 
 int CMultiplexer::Init() {
-    if (m_impl->pipe.Create(false) != 0) {
+    if (m_impl->wake_pipe.Create() != 0) {
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s :CreatePipe failed!\n", __func__);
         return -1;
     }
     Plinth::CLockGuard guard(m_impl->set_mutex);
-    insertInto(m_impl->master.sets[0], static_cast<SOCKET>(m_impl->pipe.readFd()), m_impl->capacity);
+    insertInto(m_impl->master.sets[0], static_cast<SOCKET>(m_impl->wake_pipe.readFd()), m_impl->capacity);
     return 0;
 }
 
@@ -184,18 +181,7 @@ void CMultiplexer::remove(SEvent& record) {
 }
 
 void CMultiplexer::wake() {
-    Plinth::CLockGuard guard(m_impl->wake_mutex);
-    if (m_impl->pending_bytes > 0) return;
-    const int written = CWINPipe::Write(m_impl->pipe.writeFd(), "w", 1);
-    if (written > 0) m_impl->pending_bytes += written;
-}
-
-void CMultiplexer::SImpl::drain_pipe() {
-    Plinth::CLockGuard guard(wake_mutex);
-    if (pending_bytes <= 0) return;
-    char bytes[256];
-    const int received = CWINPipe::Read(pipe.readFd(), bytes, sizeof bytes);
-    if (received > 0) pending_bytes -= received;
+    m_impl->wake_pipe.wake();
 }
 
 void CMultiplexer::SImpl::copy_master() {
@@ -280,8 +266,8 @@ SQueueRecord* CMultiplexer::Wait(CBTree& sockets, CEventQueue& queue) {
         m_impl->drop_bad_sockets();
         return nullptr;
     }
-    if (ready > 0 && contains(m_impl->working.sets[0], static_cast<SOCKET>(m_impl->pipe.readFd()))) {
-        m_impl->drain_pipe();
+    if (ready > 0 && contains(m_impl->working.sets[0], static_cast<SOCKET>(m_impl->wake_pipe.readFd()))) {
+        m_impl->wake_pipe.drain();
         --ready;
     }
     SQueueRecord* head = nullptr;

@@ -12,7 +12,7 @@ namespace Veltro::Ravelo {
 
 namespace {
 
-constexpr std::size_t kMaxNameLength = 255;
+constexpr std::size_t MAX_NAME_LENGTH = 255;
 
 bool isNumber(std::string_view label) {
     constexpr std::string_view decimal = "0123456789";
@@ -27,7 +27,7 @@ bool isNumber(std::string_view label) {
 /// it as an address in one of the forms that our literals exclude.
 bool isHostName(std::string_view name) {
     if (name.ends_with('.')) name.remove_suffix(1);
-    if (name.empty() || name.size() > kMaxNameLength) return false;
+    if (name.empty() || name.size() > MAX_NAME_LENGTH) return false;
     if (name.find_first_of(":%[]/ \t\r\n") != std::string_view::npos) return false;
     const std::size_t dot = name.rfind('.');
     return !isNumber(dot == std::string_view::npos ? name : name.substr(dot + 1));

@@ -80,7 +80,7 @@ int CSock::set_block_opt() {
 
 int CSock::GetLocalAddr(CSockAddr* addr) {
     sockaddr_in6 system{};
-    int length = kSystemAddressBytes;
+    int length = SYSTEM_ADDRESS_BYTES;
     if (SocketApi::getSockName(m_fd, reinterpret_cast<sockaddr*>(&system), &length) != 0) {
         const int error = SocketApi::lastError();
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : getsockname failed! fd[%d], error:%d,%s\n", __func__,
@@ -93,7 +93,7 @@ int CSock::GetLocalAddr(CSockAddr* addr) {
 
 int CSock::GetRemoteAddr(CSockAddr* addr) {
     sockaddr_in6 system{};
-    int length = kSystemAddressBytes;
+    int length = SYSTEM_ADDRESS_BYTES;
     if (SocketApi::getPeerName(m_fd, reinterpret_cast<sockaddr*>(&system), &length) != 0) {
         const int error = SocketApi::lastError();
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : getpeername failed! fd[%d], error:%d,%s\n", __func__,

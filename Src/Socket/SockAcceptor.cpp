@@ -13,7 +13,7 @@ namespace Veltro::Ravelo {
 
 namespace {
 
-constexpr int kBacklog = 1024;
+constexpr int BACKLOG = 1024;
 
 }  // namespace
 
@@ -54,7 +54,7 @@ int CSockAcceptor::Open(const CSockAddr& local) {
                         __func__, systemPort(system), m_fd, error, SocketApi::errorText(error).data());
         return -1;
     }
-    if (SocketApi::listen(m_fd, kBacklog) != 0) {
+    if (SocketApi::listen(m_fd, BACKLOG) != 0) {
         const int error = SocketApi::lastError();
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : listen failed! fd[%d], error:%d, %s\n", __func__, m_fd,
                         error, SocketApi::errorText(error).data());
@@ -71,7 +71,7 @@ int CSockAcceptor::Accept(CSockStream& stream, CSockAddr* remote) {
         return -1;
     }
     sockaddr_in6 system{};
-    int length = kSystemAddressBytes;
+    int length = SYSTEM_ADDRESS_BYTES;
     // Born in the stream's mode, which saves a system call.
     const int accepted =
         SocketApi::accept(m_fd, reinterpret_cast<sockaddr*>(&system), &length, !stream.GetBlockOpt());

@@ -13,7 +13,7 @@ struct SPortRange {
     unsigned short last;
 };
 
-constexpr std::array<SPortRange, 10> kReservedPorts{{{0, 1024},
+constexpr std::array<SPortRange, 10> RESERVED_PORTS{{{0, 1024},
                                                      {1900, 1900},
                                                      {3800, 3800},
                                                      {5000, 5000},
@@ -43,7 +43,7 @@ unsigned int CSockAddr::GetType() const {
 bool CSockAddr::IsReserved() {
     if (m_type != SOCKADDR_TYPE_IPV4) return false;
     const unsigned short port = static_cast<const CSockAddrIPv4*>(this)->GetPort();
-    return std::any_of(kReservedPorts.begin(), kReservedPorts.end(),
+    return std::any_of(RESERVED_PORTS.begin(), RESERVED_PORTS.end(),
                        [port](const SPortRange& range) { return port >= range.first && port <= range.last; });
 }
 

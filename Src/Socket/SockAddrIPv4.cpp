@@ -12,7 +12,7 @@ namespace Veltro::Ravelo {
 
 namespace {
 
-constexpr unsigned kShortestTextBytes = 7;
+constexpr unsigned SHORTEST_TEXT_BYTES = 7;
 
 sockaddr_in makeAddress(unsigned int ip, unsigned short port) {
     sockaddr_in addr{};
@@ -105,7 +105,7 @@ unsigned short CSockAddrIPv4::GetPort() const {
 }
 
 char* CSockAddrIPv4::GetIpStr(char* buf, unsigned int len) const {
-    if (buf == nullptr || len < kShortestTextBytes) return nullptr;
+    if (buf == nullptr || len < SHORTEST_TEXT_BYTES) return nullptr;
     char* text = formatAddress(AF_INET, &SInternal::of(m_internal).sin_addr, buf, len);
     if (text == nullptr) {
         const int error = SocketApi::lastError();

@@ -12,7 +12,7 @@ namespace Veltro::Ravelo {
 
 namespace {
 
-constexpr unsigned kShortestTextBytes = 17;
+constexpr unsigned SHORTEST_TEXT_BYTES = 17;
 
 bool isSameAddress(const in6_addr& one, const in6_addr& other) {
     return std::memcmp(&one, &other, sizeof(one)) == 0;
@@ -103,7 +103,7 @@ unsigned int CSockAddrIPv6::GetScopeID() const {
 }
 
 char* CSockAddrIPv6::GetIpStr(char* buf, unsigned int len) const {
-    if (buf == nullptr || len < kShortestTextBytes) return nullptr;
+    if (buf == nullptr || len < SHORTEST_TEXT_BYTES) return nullptr;
     char* text = formatAddress(AF_INET6, &SInternal::of(m_internal).sin6_addr, buf, len);
     if (text == nullptr) {
         const int error = SocketApi::lastError();

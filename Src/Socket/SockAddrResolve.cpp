@@ -7,7 +7,7 @@ namespace Veltro::Ravelo {
 
 namespace {
 
-constexpr int kResolveTimeoutMs = 2000;
+constexpr int RESOLVE_TIMEOUT_MS = 2000;
 
 /// Holds a use of the resolver.
 class CResolverUse {
@@ -23,7 +23,7 @@ public:
     bool find(const char* name, int family, SystemAddress* address) {
         return m_resolver != nullptr &&
                m_resolver->GetAddressInfo(name, family, reinterpret_cast<sockaddr*>(address),
-                                          static_cast<int>(sizeof(*address)), kResolveTimeoutMs);
+                                          static_cast<int>(sizeof(*address)), RESOLVE_TIMEOUT_MS);
     }
 
 private:

@@ -13,7 +13,7 @@ namespace Veltro::Ravelo {
 
 namespace {
 
-constexpr std::size_t kTextBytes = 128;
+constexpr std::size_t TEXT_BYTES = 128;
 
 }  // namespace
 
@@ -21,7 +21,7 @@ constexpr std::size_t kTextBytes = 128;
 struct CSockAddrStorage::SInternal {
     unsigned int m_real_type = 0;
     unsigned int m_input_type = 0;
-    char m_ip[kTextBytes] = {};
+    char m_ip[TEXT_BYTES] = {};
     unsigned short m_port = 0;
     sockaddr_in6 m_addr6{};
     sockaddr_in m_addr4{};
@@ -85,8 +85,8 @@ CSockAddrStorage::~CSockAddrStorage() {
 int CSockAddrStorage::SetIp(const char* ip) {
     if (m_internal == nullptr || ip == nullptr) return -1;
     // The whole text is resolved, also where only its start can be kept.
-    std::memset(m_internal->m_ip, 0, kTextBytes);
-    std::memcpy(m_internal->m_ip, ip, std::min(std::strlen(ip), kTextBytes - 1));
+    std::memset(m_internal->m_ip, 0, TEXT_BYTES);
+    std::memcpy(m_internal->m_ip, ip, std::min(std::strlen(ip), TEXT_BYTES - 1));
     const bool has_colon = std::strchr(ip, ':') != nullptr;
     m_internal->m_input_type = has_colon ? SOCKADDR_TYPE_IPV6 : 0U;
     if (!has_colon && m_internal->resolveAsIPv4(ip)) {
@@ -113,7 +113,7 @@ int CSockAddrStorage::SetAddr(const sockaddr_in* addr) {
     if (addr->sin_family != AF_INET && addr->sin_family != AF_INET6) return -1;
     const unsigned short port = ntohs(addr->sin_port);
     m_internal->m_port = port;
-    char text[kTextBytes];
+    char text[TEXT_BYTES];
     if (addr->sin_family == AF_INET) {
         if (formatAddress(AF_INET, &addr->sin_addr, text, sizeof(text)) == nullptr) {
             const int error = SocketApi::lastError();
@@ -202,7 +202,7 @@ bool CSockAddrStorage::operator==(const CSockAddrStorage& other) const {
     const SInternal& mine = SInternal::of(m_internal);
     const SInternal& its = SInternal::of(other.m_internal);
     return mine.m_input_type == its.m_input_type && mine.m_port == its.m_port &&
-           std::memcmp(mine.m_ip, its.m_ip, kTextBytes) == 0;
+           std::memcmp(mine.m_ip, its.m_ip, TEXT_BYTES) == 0;
 }
 
 }  // namespace Veltro::Ravelo

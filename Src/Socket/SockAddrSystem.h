@@ -8,8 +8,8 @@
 namespace Veltro::Ravelo {
 
 /// The size of the buffer for every address that the system returns.
-constexpr int kSystemAddressBytes = sizeof(sockaddr_in6);
-static_assert(kSystemAddressBytes == 28 && sizeof(sockaddr_in) == 16);
+constexpr int SYSTEM_ADDRESS_BYTES = sizeof(sockaddr_in6);
+static_assert(SYSTEM_ADDRESS_BYTES == 28 && sizeof(sockaddr_in) == 16);
 
 /// SOCKADDR_TYPE_IPV4, SOCKADDR_TYPE_IPV6 or another number that is no family: the type code, or what a
 /// storage's text was written in.

@@ -11,7 +11,7 @@ namespace Veltro::Ravelo {
 
 namespace {
 
-constexpr int kGroups = 8;
+constexpr int GROUPS = 8;
 
 /// Reads one octet at *text and moves past it.
 bool readOctet(const char** text, unsigned char* octet) {
@@ -74,9 +74,9 @@ const char* readGroups(const char* text, SGroups* groups) {
             groups->zeros_at = groups->count;
             continue;
         }
-        if (groups->count == kGroups) return nullptr;
+        if (groups->count == GROUPS) return nullptr;
         unsigned char* place = &groups->bytes[static_cast<std::size_t>(groups->count) * 2];
-        const char* behind = groups->count <= kGroups - 2 ? readDotted(text, place) : nullptr;
+        const char* behind = groups->count <= GROUPS - 2 ? readDotted(text, place) : nullptr;
         if (behind != nullptr) {
             groups->count += 2;
             return *behind == '\0' || *behind == '%' ? behind : nullptr;
@@ -93,8 +93,8 @@ const char* readGroups(const char* text, SGroups* groups) {
 
 /// Moves the groups behind "::" to the end.
 bool expandZeros(SGroups* groups) {
-    if (groups->zeros_at < 0) return groups->count == kGroups;
-    if (groups->count == kGroups) return false;
+    if (groups->zeros_at < 0) return groups->count == GROUPS;
+    if (groups->count == GROUPS) return false;
     const auto head = static_cast<std::size_t>(groups->zeros_at) * 2;
     const auto tail = static_cast<std::size_t>(groups->count) * 2 - head;
     std::array<unsigned char, 16> whole{};
@@ -127,7 +127,7 @@ struct SZeroRun {
 SZeroRun longestZeroRun(const unsigned char* bytes) {
     SZeroRun longest;
     SZeroRun run;
-    for (int group = 0; group < kGroups; ++group) {
+    for (int group = 0; group < GROUPS; ++group) {
         if (bytes[group * 2] != 0 || bytes[group * 2 + 1] != 0) {
             run.length = 0;
             continue;
@@ -142,7 +142,7 @@ SZeroRun longestZeroRun(const unsigned char* bytes) {
 int printIPv6(const unsigned char* bytes, char* text) {
     const SZeroRun zeros = longestZeroRun(bytes);
     const bool mapped = zeros.length == 5 && bytes[10] == 0xFF && bytes[11] == 0xFF;
-    const int groups = zeros.start == 0 && (zeros.length == 6 || mapped) ? kGroups - 2 : kGroups;
+    const int groups = zeros.start == 0 && (zeros.length == 6 || mapped) ? GROUPS - 2 : GROUPS;
     constexpr std::size_t size = INET6_ADDRSTRLEN;
     int length = 0;
     for (int group = 0; group < groups; ++group) {
@@ -154,9 +154,9 @@ int printIPv6(const unsigned char* bytes, char* text) {
         }
         const unsigned value = static_cast<unsigned>(bytes[group * 2] << 8 | bytes[group * 2 + 1]);
         length += std::snprintf(text + length, size - static_cast<std::size_t>(length), "%x%s", value,
-                                group + 1 < kGroups ? ":" : "");
+                                group + 1 < GROUPS ? ":" : "");
     }
-    if (groups != kGroups) {
+    if (groups != GROUPS) {
         length += std::snprintf(text + length, size - static_cast<std::size_t>(length), "%u.%u.%u.%u",
                                 bytes[12], bytes[13], bytes[14], bytes[15]);
     }

@@ -3,6 +3,7 @@
 
 #include "Log.h"
 #include "Socket/SockAddrSystem.h"
+#include "Socket/SockOption.h"
 #include "Socket/SocketApi.h"
 
 namespace Veltro::Ravelo {
@@ -127,57 +128,27 @@ int CSockStream::Recv(char* buf, unsigned int len) {
 }
 
 int CSockStream::SetSockRecvBuf(unsigned int size) {
-    const int result = SocketApi::setOption(m_fd, SOL_SOCKET, SO_RCVBUF, static_cast<int>(size));
-    if (result == 0) return 0;
-    const int error = SocketApi::lastError();
-    RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : setsockopt failed! fd[%d], error:%d, %s\n", __func__, m_fd,
-                    error, SocketApi::errorText(error).data());
-    return result;
+    return setIntOption(*this, __func__, SOL_SOCKET, SO_RCVBUF, static_cast<int>(size));
 }
 
 int CSockStream::SetSockSendBuf(unsigned int size) {
-    const int result = SocketApi::setOption(m_fd, SOL_SOCKET, SO_SNDBUF, static_cast<int>(size));
-    if (result == 0) return 0;
-    const int error = SocketApi::lastError();
-    RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : setsockopt failed! fd[%d], error:%d, %s\n", __func__, m_fd,
-                    error, SocketApi::errorText(error).data());
-    return result;
+    return setIntOption(*this, __func__, SOL_SOCKET, SO_SNDBUF, static_cast<int>(size));
 }
 
 int CSockStream::GetSockRecvBuf() {
-    int size = 0;
-    if (SocketApi::getOption(m_fd, SOL_SOCKET, SO_RCVBUF, &size) == 0) return size;
-    const int error = SocketApi::lastError();
-    RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : getsockopt failed! fd[%d], error:%d, %s\n", __func__, m_fd,
-                    error, SocketApi::errorText(error).data());
-    return -1;
+    return getIntOption(*this, __func__, SOL_SOCKET, SO_RCVBUF);
 }
 
 int CSockStream::GetSockSendBuf() {
-    int size = 0;
-    if (SocketApi::getOption(m_fd, SOL_SOCKET, SO_SNDBUF, &size) == 0) return size;
-    const int error = SocketApi::lastError();
-    RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : getsockopt failed! fd[%d], error:%d, %s\n", __func__, m_fd,
-                    error, SocketApi::errorText(error).data());
-    return -1;
+    return getIntOption(*this, __func__, SOL_SOCKET, SO_SNDBUF);
 }
 
 int CSockStream::SetSockKeepAlive(bool enable) {
-    const int result = SocketApi::setOption(m_fd, SOL_SOCKET, SO_KEEPALIVE, enable ? 1 : 0);
-    if (result == 0) return 0;
-    const int error = SocketApi::lastError();
-    RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : setsockopt failed! fd[%d], error:%d, %s\n", __func__, m_fd,
-                    error, SocketApi::errorText(error).data());
-    return result;
+    return setIntOption(*this, __func__, SOL_SOCKET, SO_KEEPALIVE, enable ? 1 : 0);
 }
 
 int CSockStream::SetSockNoDelay(bool enable) {
-    const int result = SocketApi::setOption(m_fd, IPPROTO_TCP, TCP_NODELAY, enable ? 1 : 0);
-    if (result == 0) return 0;
-    const int error = SocketApi::lastError();
-    RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : setsockopt failed! fd[%d], error:%d, %s\n", __func__, m_fd,
-                    error, SocketApi::errorText(error).data());
-    return result;
+    return setIntOption(*this, __func__, IPPROTO_TCP, TCP_NODELAY, enable ? 1 : 0);
 }
 
 }  // namespace Veltro::Ravelo

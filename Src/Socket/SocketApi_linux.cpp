@@ -18,7 +18,7 @@ namespace Veltro::Ravelo::SocketApi {
 namespace {
 
 /// The most elements of one gathered call.
-constexpr int kMaxElements = 1024;
+constexpr int MAX_ELEMENTS = 1024;
 
 socklen_t toLength(int length) {
     return length < 0 ? 0 : static_cast<socklen_t>(length);
@@ -115,7 +115,7 @@ int send(int fd, const char* data, unsigned length) {
 }
 
 int sendV(int fd, const iovec* elements, int count) {
-    if (count > kMaxElements) {
+    if (count > MAX_ELEMENTS) {
         int type = 0;
         if (getOption(fd, SOL_SOCKET, SO_TYPE, &type) != 0) return -1;
         if (type != SOCK_STREAM) {
@@ -124,7 +124,7 @@ int sendV(int fd, const iovec* elements, int count) {
         }
     }
     // Left unset on purpose: only what is used is touched.
-    std::array<::iovec, kMaxElements> system_elements;
+    std::array<::iovec, MAX_ELEMENTS> system_elements;
     std::size_t used = 0;
     for (int i = 0; i < count && used < system_elements.size(); ++i) {
         if (elements[i].iov_len == 0) continue;

@@ -17,7 +17,7 @@ static_assert(offsetof(iovec, iov_base) == offsetof(WSABUF, buf));
 namespace {
 
 /// The most elements of one gathered call that every Windows takes.
-constexpr int kMaxElements = 1024;
+constexpr int MAX_ELEMENTS = 1024;
 
 /// The system's handle; its numbers fit 32 bits.
 SOCKET toSocket(int fd) {
@@ -111,12 +111,12 @@ int send(int fd, const char* data, unsigned length) {
 }
 
 int sendV(int fd, const iovec* elements, int count) {
-    if (count > kMaxElements) {
+    if (count > MAX_ELEMENTS) {
         int type = 0;
         if (getOption(fd, SOL_SOCKET, SO_TYPE, &type) != 0) return -1;
         // A stream sends the first ones that hold something; a datagram is whole or fails.
-        for (; type == SOCK_STREAM && count > kMaxElements && elements->iov_len == 0; --count) ++elements;
-        if (type == SOCK_STREAM) count = std::min(count, kMaxElements);
+        for (; type == SOCK_STREAM && count > MAX_ELEMENTS && elements->iov_len == 0; --count) ++elements;
+        if (type == SOCK_STREAM) count = std::min(count, MAX_ELEMENTS);
     }
     auto* buffers = reinterpret_cast<WSABUF*>(const_cast<iovec*>(elements));
     DWORD sent = 0;

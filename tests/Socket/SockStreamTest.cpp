@@ -406,7 +406,13 @@ TEST(SockStream, AFailureLineEndsWithTheSystemsText) {
     const int error = SocketApi::lastError();
     EXPECT_EQ(
         1, log.count(2, "error:" + std::to_string(error) + ", " + SocketApi::errorText(error).data() + "\n"));
-    EXPECT_EQ("CSockStream::SetSockRecvBuf", log.lines().at(0).function);
+}
+
+TEST(SockStream, AFailureLineNamesItsSourceAndFunction) {
+    CLogCapture log;
+    CSockStream stream;
+    EXPECT_EQ(-1, stream.Send(nullptr, 1));
+    EXPECT_EQ("CSockStream::Send", log.lines().at(0).function);
     EXPECT_EQ(".\\Src\\Socket\\SockStream.cpp", log.lines().at(0).file);
 }
 
