@@ -29,7 +29,7 @@ TEST(Debug, FourFailedAttemptsAreRepeatedAndTheFifthIsTheLast) {
               1);
     Debug::registerConsoleOnce();
     Debug::registerConsoleOnce();
-    EXPECT_EQ(log.lines().size(), 5U);
+    EXPECT_EQ(log.allLines().size(), 5U);
 }
 
 TEST(Debug, ThreadDumpShowsNameAndObjectOfEveryReactorThread) {

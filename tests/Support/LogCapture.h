@@ -41,14 +41,22 @@ public:
     CLogCapture(const CLogCapture&) = delete;
     CLogCapture& operator=(const CLogCapture&) = delete;
 
+    /// What was logged, but for the pools' daemons, which try to register the console at times of their own.
     std::vector<SLine> lines() const {
+        std::vector<SLine> others = allLines();
+        std::erase_if(others, [](const SLine& line) {
+            return line.text.find("InitConsoleDebug") != std::string::npos;
+        });
+        return others;
+    }
+    std::vector<SLine> allLines() const {
         Plinth::CLockGuard guard(m_mutex);
         return m_lines;
     }
     /// How many lines of a level contain a text.
     int count(int level, const std::string& text) const {
         int found = 0;
-        for (const SLine& line : lines()) {
+        for (const SLine& line : allLines()) {
             if (line.level == level && line.text.find(text) != std::string::npos) ++found;
         }
         return found;
