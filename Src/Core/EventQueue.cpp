@@ -8,8 +8,6 @@ namespace Veltro::Ravelo {
 namespace {
 /// Ticks without any record moving after which the standby sleeps without limit.
 constexpr unsigned STANDBY_IDLE_TICKS = 3;
-/// Records that a worker leaves to itself; beyond, another one helps.
-constexpr unsigned WORKER_SHARE = 8;
 }  // namespace
 
 CEventQueue::~CEventQueue() {

@@ -79,6 +79,8 @@ public:
 
     /// How often the standby looks, in microseconds: twice within the millisecond that a record may lie.
     static constexpr std::int64_t STANDBY_TICK_US = 400;
+    /// So many queued records a worker leaves to itself; beyond, it wakes another one to help.
+    static constexpr unsigned WORKER_SHARE = 32;
 
 private:
     friend struct SEventQueueProbe;  // tests

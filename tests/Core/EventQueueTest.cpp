@@ -245,7 +245,7 @@ TEST_F(EventQueue, AWorkersPushWithoutAStandbyWakesTheWaiter) {
 TEST_F(EventQueue, AWorkersPushOfManyRecordsWakesHelp) {
     useWaiter(2);
     ASSERT_EQ(queue->beginWait(), EWait::Tick);
-    queue->push(chain(0, 8), EPusher::Worker);
+    queue->push(chain(0, CEventQueue::WORKER_SHARE), EPusher::Worker);
     EXPECT_EQ(waiter.wakes.load(), 1);
     queue->endWait();
 }
