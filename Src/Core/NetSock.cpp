@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-#include "Core/CurrentObject.h"
 #include "Core/EventPool.h"
 #include "Core/NetHandlerRecord.h"
 #include "Core/PoolTable.h"
@@ -13,7 +12,6 @@
 #include "Core/SockTrace.h"
 #include "Core/ThreadPool.h"
 #include "Log.h"
-#include "Socket/SocketApi.h"
 
 namespace Veltro::Ravelo {
 

@@ -58,23 +58,20 @@ void takeDue(SDueLists& due, std::uint64_t now_us) PLINTH_REQUIRES(s_state.mutex
 
 /// Frees the timers of a list that were not made for the pool; returns the others, in their order.
 STimer* keepOwn(STimer* list, const CThreadPool* pool) {
-    STimer* kept = nullptr;
-    SQueueRecord** tail = nullptr;
+    SQueueRecord* kept = nullptr;
+    SQueueRecord** tail = &kept;
     while (list != nullptr) {
         STimer* timer = list;
         list = static_cast<STimer*>(timer->next);
         timer->next = nullptr;
         if (pool == nullptr || timer->pool_birth != pool->birth()) {
             CNetTimer::freeRecord(timer);
-        } else if (tail == nullptr) {
-            kept = timer;
-            tail = &timer->next;
         } else {
             *tail = timer;
             tail = &timer->next;
         }
     }
-    return kept;
+    return static_cast<STimer*>(kept);
 }
 
 void handOver(SDueLists& due) {

@@ -12,7 +12,7 @@ namespace Veltro::Ravelo {
 ///
 /// A socket that fires is not reported again until add() arms it anew after its dispatch. Any thread may add,
 /// modify, remove and wake; one thread at a time, the holder of the reactor token, waits. Lock order: socket
-/// record, set mutex, wake mutex; the socket table is held for reading outside all of them during a pass.
+/// record, set mutex, wake mutex; on Windows a pass holds the socket table for reading outside all of them.
 class CMultiplexer {
 public:
     /// Sockets per kind of interest; see CNetThread::SetSocketCapacity.
@@ -49,8 +49,6 @@ public:
     SQueueRecord* Wait(CBTree& sockets, CEventQueue& queue);
 
 private:
-    friend struct SMultiplexerProbe;  // tests
-
     struct SImpl;
     std::unique_ptr<SImpl> m_impl;
 };
