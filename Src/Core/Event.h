@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "Core/SocketCount.h"
+#include "Core/HandlerShare.h"
 
 namespace Veltro::Ravelo {
 
@@ -68,8 +68,8 @@ struct alignas(64) SEvent : SQueueRecord {
     std::atomic<std::uint32_t> m_revents{0};  ///< 16 bits; 0 while idle, else what is being dispatched
     std::uint32_t m_event_mask = 0;
     SSockTimeout timer;
-    CSocketCount owner_sockets;  ///< the owner's count, which may outlive the owner
-    std::uint32_t armed = 0;     ///< the multiplexer's own bits: what it waits for at present
+    CHandlerShare owner;      ///< whom obj_id names
+    std::uint32_t armed = 0;  ///< the multiplexer's own bits: what it waits for at present
     /// The multiplexer's own: changes with every arming and removal and is never set back, so that what was
     /// received for an earlier arming does not match. Written under the mutex.
     std::atomic<std::uint32_t> generation{0};

@@ -52,7 +52,7 @@ SEvent* make() {
 
 /// Start values for what a socket has used; messages leave these fields alone.
 void resetSocketFields(SEvent& record) {
-    record.owner_sockets = CSocketCount();
+    record.owner = CHandlerShare();
     record.obj_id.store(0, relaxed);
     record.m_revents.store(VL_NOPOLL, relaxed);
     record.m_event_mask = EventMask::None;

@@ -24,7 +24,7 @@ void CEventQueue::append(SQueueRecord* chain) {
         m_head = chain;
     }
     m_tail = last;
-    m_size.fetch_add(count, std::memory_order_relaxed);
+    setSize(size() + count);
 }
 
 SQueueRecord* CEventQueue::take_head() {
@@ -33,7 +33,7 @@ SQueueRecord* CEventQueue::take_head() {
     m_head = record->next;
     if (m_head == nullptr) m_tail = nullptr;
     record->next = nullptr;
-    m_size.fetch_sub(1, std::memory_order_relaxed);
+    setSize(size() - 1);
     ++m_pops;
     return record;
 }
@@ -94,7 +94,7 @@ void CEventQueue::pushFront(SQueueRecord* record, EPusher pusher) {
         record->next = m_head;
         m_head = record;
         if (m_tail == nullptr) m_tail = record;
-        m_size.fetch_add(1, std::memory_order_relaxed);
+        setSize(size() + 1);
         whom = choose_wake(pusher);
     }
     wake(whom);

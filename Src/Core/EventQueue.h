@@ -92,6 +92,7 @@ private:
         std::uint64_t pops = 0;
     };
 
+    void setSize(unsigned size) PLINTH_REQUIRES(m_mutex) { m_size.store(size, std::memory_order_relaxed); }
     void append(SQueueRecord* chain) PLINTH_REQUIRES(m_mutex);
     SQueueRecord* take_head() PLINTH_REQUIRES(m_mutex);
     EWake choose_wake(EPusher pusher) PLINTH_REQUIRES(m_mutex);

@@ -13,6 +13,14 @@
 
 namespace Veltro::Ravelo {
 
+CHandlerShare::CHandlerShare(SNetHandlerRecord& record) : m_record(&record) {
+    record.holders.fetch_add(1, std::memory_order_relaxed);
+}
+
+CHandlerShare::~CHandlerShare() {
+    if (m_record != nullptr) m_record->leave();
+}
+
 std::string SNetHandlerRecord::className(const CNetHandler* handler) {
     return Plinth::readableTypeName(typeid(*handler));
 }
@@ -60,14 +68,14 @@ CNetHandler::~CNetHandler() {
         const auto __m_magic = m_internal->__m_magic;
         RAVELO_ASSERT(__m_magic == 0x0202);
     }
-    if (m_internal->sockets.value() > 0) {
+    if (m_internal->sockets.load() > 0) {
         RAVELO_LOG_THIS(
             Plinth::LOG_LEVEL_ERROR,
             "some sockets registered on obj %p has not been removed, please remove it before close the "
             "obj!\n",
             static_cast<const void*>(this));
     }
-    delete m_internal;
+    m_internal->leave();
 }
 
 int CNetHandler::handle_input(int) {
@@ -119,11 +127,11 @@ void CNetHandler::SetDefaultRcer(long id) {
 }
 
 void CNetHandler::AddRef() {
-    m_internal->references.fetch_add(1);
+    m_internal->references.add();
 }
 
 void CNetHandler::DecRef() {
-    if (m_internal->references.fetch_sub(1) != 1) return;
+    if (!m_internal->references.drop()) return;
     {
         Plinth::CLockGuard guard(m_internal->mutex);
         if (m_internal->closing != 0) return;
@@ -133,10 +141,10 @@ void CNetHandler::DecRef() {
 }
 
 void CNetHandler::AddSock() {
-    m_internal->sockets.change(1);
+    m_internal->sockets.fetch_add(1);
 }
 void CNetHandler::DecSock() {
-    m_internal->sockets.change(-1);
+    m_internal->sockets.fetch_sub(1);
 }
 
 int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int timeout) {

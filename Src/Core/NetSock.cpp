@@ -50,9 +50,9 @@ bool isInFlight(const SEvent& record) {
     return record.m_revents.load(relaxed) != VL_NOPOLL;
 }
 
-void setOwner(SEvent& record, const SNetHandlerRecord& owner) {
+void setOwner(SEvent& record, SNetHandlerRecord& owner) {
     record.obj_id.store(owner.id(), relaxed);
-    record.owner_sockets = owner.sockets;
+    record.owner = CHandlerShare(owner);
 }
 
 int logInvalidSock(const CNetHandler& handler, int fd, unsigned mask, int timeout_us) {
@@ -67,7 +67,7 @@ int logInvalidSock(const CNetHandler& handler, int fd, unsigned mask, int timeou
 }
 
 /// The new record of a socket, locked and in the table; null when no memory is left.
-SEvent* insertRecord(CBTree& sockets, const SNetHandlerRecord& owner, int fd, unsigned mask)
+SEvent* insertRecord(CBTree& sockets, SNetHandlerRecord& owner, int fd, unsigned mask)
     PLINTH_REQUIRES(sockets.lock()) PLINTH_NO_THREAD_SAFETY_ANALYSIS {  // hands the locked record over
     SEvent* record = CEventPool::get(fd);
     if (record == nullptr) return nullptr;
@@ -83,7 +83,7 @@ SEvent* insertRecord(CBTree& sockets, const SNetHandlerRecord& owner, int fd, un
 void register_new_event(CThreadPool& pool, SEvent& record, int timeout_ms) PLINTH_REQUIRES(record.mutex) {
     if (timeout_ms > 0) CSockTimer::Add(record, timeout_ms);
     pool.multiplexer().add(record);
-    record.owner_sockets.change(1);
+    record.owner.changeSockets(1);
     SockTrace::registerNew(record);
 }
 
@@ -119,7 +119,7 @@ int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask,
         RAVELO_LOG(Plinth::LOG_LEVEL_WARNING,
                    "RegisterSock sock fd specially with standard stream value: %d\n", fd);
     }
-    const SNetHandlerRecord& caller = SNetHandlerRecord::of(handler);
+    SNetHandlerRecord& caller = SNetHandlerRecord::of(handler);
     CPoolPin pin(poolOfId(caller.id()));
     CThreadPool* pool = poolOf(pin, caller);
     if (pool == nullptr) return -1;
@@ -148,8 +148,8 @@ int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask,
 }
 
 /// Changes a registered socket, its record locked. Returns false when it is protected from the caller.
-bool CNetSock::modify_exist_event(CThreadPool& pool, SEvent& record, const SNetHandlerRecord& caller,
-                                  unsigned mask, int timeout_ms) {
+bool CNetSock::modify_exist_event(CThreadPool& pool, SEvent& record, SNetHandlerRecord& caller, unsigned mask,
+                                  int timeout_ms) {
     SockTrace::modifyExisting(record);
     const bool condemned = (record.m_event_mask & EventMask::Delete) != 0;
     if (isProtectedFrom(record, caller.id()) && !condemned) return false;
@@ -169,7 +169,7 @@ bool CNetSock::modify_exist_event(CThreadPool& pool, SEvent& record, const SNetH
         pool.multiplexer().modify(record);
     }
     if (condemned) {
-        record.owner_sockets.change(1);
+        record.owner.changeSockets(1);
         record.m_event_mask &= ~unsigned{EventMask::Delete};
     }
     return true;
@@ -229,7 +229,7 @@ int CNetSock::RemoveSock(CNetHandler& handler, CSock& sock) PLINTH_NO_THREAD_SAF
         return 0;
     }
     SockTrace::removeSock("", *record);
-    record->owner_sockets.change(-1);
+    record->owner.changeSockets(-1);
     pool->multiplexer().remove(*record);
     sockets.eraseLocked(record->key);
     sockets.leaveWrite();
@@ -241,7 +241,7 @@ int CNetSock::RemoveSock(CNetHandler& handler, CSock& sock) PLINTH_NO_THREAD_SAF
 /// application may close it before the dispatch ends.
 void CNetSock::condemn(CThreadPool& pool, SEvent& record) {
     SockTrace::removeSock(" &1", record);
-    if (!(record.m_event_mask & EventMask::Delete)) record.owner_sockets.change(-1);
+    if (!(record.m_event_mask & EventMask::Delete)) record.owner.changeSockets(-1);
     record.m_revents.store(VL_POLLDEL, relaxed);
     record.m_event_mask = EventMask::Delete;
     pool.multiplexer().remove(record);
@@ -280,7 +280,7 @@ void CNetSock::freeRecord(SKeyedEntry* entry) {
         Plinth::CLockGuard guard(record->mutex);
         if (CSockTimer::isInList(*record)) CSockTimer::Delete(*record);
         // A condemned record was taken off its owner's count when it was removed.
-        if (!(record->m_event_mask & EventMask::Delete)) record->owner_sockets.change(-1);
+        if (!(record->m_event_mask & EventMask::Delete)) record->owner.changeSockets(-1);
     }
     CEventPool::put(record);
 }

@@ -35,7 +35,7 @@ public:
 
 private:
     static void reset_timer(SEvent& record, std::int64_t t);
-    static bool modify_exist_event(CThreadPool& pool, SEvent& record, const SNetHandlerRecord& caller,
+    static bool modify_exist_event(CThreadPool& pool, SEvent& record, SNetHandlerRecord& caller,
                                    unsigned mask, int timeout_ms) PLINTH_REQUIRES(record.mutex);
     static void condemn(CThreadPool& pool, SEvent& record) PLINTH_REQUIRES(record.mutex);
     static void freeErased(SEvent& record);

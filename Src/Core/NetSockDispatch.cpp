@@ -3,6 +3,7 @@
 #include <Ravelo/NetHandler.h>
 
 #include "Core/CurrentObject.h"
+#include "Core/NetHandlerRecord.h"
 #include "Core/NetSock.h"
 #include "Core/SockTimer.h"
 #include "Core/SockTrace.h"
@@ -40,8 +41,13 @@ int handleTimeout(CNetHandler& owner, const SEvent& record) {
     return -1;
 }
 
-int callOwner(CThreadPool& pool, CCurrentObject& current, const SEvent& record) {
-    CNetHandler* owner = pool.findHandler(record.obj_id.load(relaxed));
+CNetHandler* takeOwner(SEvent& record) {
+    Plinth::CLockGuard guard(record.mutex);
+    return record.owner.takeHandler();
+}
+
+int callOwner(CCurrentObject& current, SEvent& record) {
+    CNetHandler* owner = takeOwner(record);
     if (owner == nullptr) {
         SockTrace::ownerNotFound(record);
         return -1;
@@ -63,7 +69,7 @@ std::int64_t nextTimeout(const SEvent& record, int result) {
 }  // namespace
 
 void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEvent& record) {
-    const int result = callOwner(pool, current, record);
+    const int result = callOwner(current, record);
     SockTrace::dispatchEnd(record, result);
     while (!rearm(pool, record, result)) {
         if (freeCondemned(pool, record)) return;

@@ -119,13 +119,16 @@ void CThreadPool::bind(CNetHandler& handler, SNetHandlerRecord& record) {
     record.entry.key = m_ids.GetId();
     record.entry.handler = &handler;
     m_objects.insert(&record.entry);
+    record.references.bind();
 }
 
 void CThreadPool::unbind(std::int64_t id) {
     auto* entry = static_cast<SObjectEntry*>(m_objects.erase(id));
     if (entry == nullptr) return;
+    CNetHandler& handler = *entry->handler;
+    SNetHandlerRecord::of(handler).references.unbind();
     m_ids.PutId(id);
-    entry->handler->DecRef();
+    handler.DecRef();
 }
 
 CEventQueue::EPusher CThreadPool::pusher() const {

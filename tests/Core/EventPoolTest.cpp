@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "Core/NetHandlerRecord.h"
 #include "Support/Gate.h"
 #include "Support/ScarceMemory.h"
 
@@ -32,7 +33,7 @@ void expectStartValues(const SEvent& record, std::int64_t key) {
     EXPECT_FALSE(record.timer.linked);
     EXPECT_EQ(record.timer.record, &record);
     EXPECT_EQ(record.armed, 0U);
-    EXPECT_EQ(record.owner_sockets.value(), 0);
+    EXPECT_EQ(record.owner.takeHandler(), nullptr);
 }
 
 TEST_F(EventPool, GivesARecordWithStartValuesAndTheKey) {
@@ -52,9 +53,12 @@ TEST_F(EventPool, GivesTheRecordFreedLastWithStartValuesAgain) {
     record->timer.m_set_time = 5;
     record->timer.m_time_out = 6;
     record->armed = 3;
-    record->owner_sockets = CSocketCount::make();
-    record->owner_sockets.change(1);
+    auto* handler = new SNetHandlerRecord;
+    record->owner = CHandlerShare(*handler);
+    EXPECT_EQ(handler->holders.load(), 2);
     CEventPool::put(record);
+    EXPECT_EQ(handler->holders.load(), 1);
+    handler->leave();
     EXPECT_EQ(CEventPool::get(-80), record);
     expectStartValues(*record, -80);
     CEventPool::put(record);

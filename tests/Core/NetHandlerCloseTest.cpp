@@ -147,7 +147,7 @@ protected:
         handler->Close();
         // The table's reference has gone once a second worker has served the close message.
         const SNetHandlerRecord& record = SNetHandlerRecord::of(*handler);
-        EXPECT_TRUE(waitUntil([&record] { return record.references.load() == 1; }));
+        EXPECT_TRUE(waitUntil([&record] { return record.references.count() == 1; }));
         EXPECT_EQ(closed.load(), 0);
         leave.open();
         expectClosed();

@@ -46,7 +46,7 @@ inline bool isIdle(int fd) {
 
 /// How many sockets a handler counts as its own.
 inline std::int64_t sockCount(const CTestHandler* handler) {
-    return Ravelo::SNetHandlerRecord::of(*handler).sockets.value();
+    return Ravelo::SNetHandlerRecord::of(*handler).sockets.load();
 }
 
 /// Waits for a post; false when patience runs out.
