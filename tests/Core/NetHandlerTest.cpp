@@ -131,6 +131,10 @@ TEST(NetHandler, DestructionWithSocketsLeftLogsALine) {
                   static_cast<const void*>(static_cast<CNetHandler*>(handler)));
     closeAndWait(handler);
     EXPECT_EQ(log.count(Plinth::LOG_LEVEL_ERROR, expected), 1);
+    // The socket stays registered; closing it now would race with its dispatches.
+    auto* heir = new CTestHandler;
+    EXPECT_EQ(heir->RemoveSock(pair.near_end), 0);
+    closeAndWait(heir);
 }
 
 TEST(NetHandler, CloseMakesTheMagicClosedAndASecondCloseIsHarmless) {
