@@ -73,6 +73,7 @@ struct alignas(64) SEvent : SQueueRecord {
     /// The multiplexer's own: changes with every arming and removal and is never set back, so that what was
     /// received for an earlier arming does not match. Written under the mutex.
     std::atomic<std::uint32_t> generation{0};
+    std::uint32_t drained_in_a_row = 0;  ///< the multiplexer's own: dispatches that left nothing to read
     std::uint32_t armed_during = 0;  ///< the multiplexer's own: during which of its waits it was armed last
 };
 

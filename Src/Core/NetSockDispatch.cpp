@@ -8,6 +8,7 @@
 #include "Core/SockTimer.h"
 #include "Core/SockTrace.h"
 #include "Core/ThreadPool.h"
+#include "Socket/SocketApi.h"
 
 namespace Veltro::Ravelo {
 
@@ -69,6 +70,7 @@ std::int64_t nextTimeout(const SEvent& record, int result) {
 }  // namespace
 
 void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEvent& record) {
+    SocketApi::forgetDrained();
     const int result = callOwner(current, record);
     SockTrace::dispatchEnd(record, result);
     while (!rearm(pool, record, result)) {
@@ -83,7 +85,7 @@ bool CNetSock::rearm(CThreadPool& pool, SEvent& record, int result) {
     if (record.m_event_mask & EventMask::Delete) return false;
     const bool taken_back = has(record, VL_POLLDEL);
     record.m_revents.store(VL_NOPOLL, relaxed);
-    pool.multiplexer().add(record);
+    pool.multiplexer().rearm(record, SocketApi::wasDrained(static_cast<int>(record.key)));
     const std::int64_t next_ms = nextTimeout(record, taken_back ? 0 : result);
     // Nothing to do for the many sockets that have no time-out.
     if (next_ms > 0 || CSockTimer::isInList(record)) reset_timer(record, next_ms);

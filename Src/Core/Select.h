@@ -31,8 +31,11 @@ public:
 
     /// @name With the record's mutex held.
     /// @{
-    /// Arms the socket with the record's mask; cheap when it is armed so already.
+    /// Arms a new socket with the record's mask.
     void add(SEvent& record);
+    /// Arms the socket again at the end of its dispatch.
+    /// @param is_drained whether the dispatch has read until nothing was left.
+    void rearm(SEvent& record, bool is_drained);
     /// Arms the socket afresh, whatever the descriptor meant before.
     void modify(SEvent& record);
     /// Arms the socket afresh when its dispatch ends: its descriptor may mean another socket by then.

@@ -156,6 +156,10 @@ void CMultiplexer::add(SEvent& record) {
     if (waiting) wake();
 }
 
+void CMultiplexer::rearm(SEvent& record, bool) {
+    add(record);
+}
+
 void CMultiplexer::modify(SEvent& record) {
     bool waiting;
     {

@@ -35,6 +35,11 @@ int send(int fd, const char* data, unsigned length);
 int sendV(int fd, const iovec* elements, int count);
 int recv(int fd, char* buffer, unsigned length);
 
+/// Whether the calling thread's last recv(), since it called forgetDrained(), was of this socket and left
+/// nothing to read: it got less than it had room for. Always false where nobody needs to know.
+bool wasDrained(int fd);
+void forgetDrained();
+
 /// An option whose value is an int; the result is the system's.
 int setOption(int fd, int level, int name, int value);
 int getOption(int fd, int level, int name, int* value);

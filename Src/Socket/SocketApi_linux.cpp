@@ -20,6 +20,9 @@ namespace {
 /// The most elements of one gathered call.
 constexpr int MAX_ELEMENTS = 1024;
 
+/// The socket that the calling thread has read empty, or -1; see wasDrained().
+thread_local int t_drained_fd = -1;
+
 socklen_t toLength(int length) {
     return length < 0 ? 0 : static_cast<socklen_t>(length);
 }
@@ -139,7 +142,19 @@ int sendV(int fd, const iovec* elements, int count) {
 }
 
 int recv(int fd, char* buffer, unsigned length) {
-    return static_cast<int>(::recv(fd, buffer, std::min<unsigned>(length, INT_MAX), 0));
+    const ssize_t room = std::min<unsigned>(length, INT_MAX);
+    const ssize_t received = ::recv(fd, buffer, static_cast<std::size_t>(room), 0);
+    const bool drained = received > 0 ? received < room : received < 0 && errno == EAGAIN;
+    t_drained_fd = drained ? fd : -1;
+    return static_cast<int>(received);
+}
+
+bool wasDrained(int fd) {
+    return t_drained_fd == fd;
+}
+
+void forgetDrained() {
+    t_drained_fd = -1;
 }
 
 int setOption(int fd, int level, int name, int value) {

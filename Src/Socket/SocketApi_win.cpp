@@ -128,6 +128,13 @@ int recv(int fd, char* buffer, unsigned length) {
     return ::recv(toSocket(fd), buffer, static_cast<int>(std::min<unsigned>(length, INT_MAX)), 0);
 }
 
+// select() is asked about every socket anew.
+bool wasDrained(int) {
+    return false;
+}
+
+void forgetDrained() {}
+
 int setOption(int fd, int level, int name, int value) {
     return ::setsockopt(toSocket(fd), level, name, reinterpret_cast<const char*>(&value), sizeof(value));
 }

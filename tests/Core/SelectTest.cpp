@@ -1,87 +1,10 @@
 #include "Core/Select.h"
 
-#include <vector>
-
-#include "Support/SockRegistry.h"
+#include "Core/SelectRig.h"
 
 using namespace Veltro::Ravelo;
 using namespace Veltro::TestSupport;
 namespace Plinth = Veltro::Plinth;
-
-namespace {
-
-/// A multiplexer with a table and a queue, without a pool: the test ends the dispatches.
-struct SRig {
-    CBTree sockets;
-    CEventQueue queue;
-    CMultiplexer multiplexer;
-    std::vector<std::unique_ptr<SEvent>> records;
-
-    explicit SRig(unsigned capacity = CMultiplexer::DEFAULT_CAPACITY) : multiplexer(0, capacity) {
-        EXPECT_EQ(0, multiplexer.Init());
-        queue.setWaiter(&multiplexer, 1);
-    }
-
-    SEvent& enroll(const CSock& sock, unsigned mask) {
-        records.push_back(std::make_unique<SEvent>());
-        SEvent& record = *records.back();
-        record.key = sock.GetHandle();
-        record.m_event_mask = mask;
-        sockets.insert(&record);
-        Plinth::CLockGuard guard(record.mutex);
-        multiplexer.add(record);
-        return record;
-    }
-    /// One pass; it waits until something fires or somebody wakes it.
-    std::vector<SEvent*> pass() {
-        std::vector<SEvent*> fired;
-        for (SQueueRecord* record = multiplexer.Wait(sockets, queue); record != nullptr;
-             record = record->next)
-            fired.push_back(static_cast<SEvent*>(record));
-        return fired;
-    }
-    /// One pass over what is ready now.
-    std::vector<SEvent*> look() {
-        multiplexer.wake();
-        return pass();
-    }
-    void endDispatch(SEvent& record) {
-        Plinth::CLockGuard guard(record.mutex);
-        record.m_revents = VL_NOPOLL;
-        multiplexer.add(record);
-    }
-    void setMask(SEvent& record, unsigned mask) {
-        Plinth::CLockGuard guard(record.mutex);
-        record.m_event_mask = mask;
-        multiplexer.modify(record);
-    }
-    void remove(SEvent& record) {
-        Plinth::CLockGuard guard(record.mutex);
-        multiplexer.remove(record);
-    }
-};
-
-/// Runs a pass that is held up between its wait and its walk, and does something meanwhile, with the record's
-/// mutex held.
-std::vector<SEvent*> passHeldUp(SRig& rig, SEvent& record, const std::function<void()>& meanwhile) {
-    std::vector<SEvent*> fired;
-    rig.sockets.enterWrite();
-    record.mutex.lock();
-    Plinth::CThreadLite waiter([&](Plinth::CThreadLite&) { fired = rig.pass(); }, "waiter");
-    EXPECT_TRUE(waiter.createThread());
-    // Nothing tells that the waiter has come to a lock. Coming late it sees less, and passes.
-    Plinth::sleepMilliSecond(50);
-    meanwhile();
-    record.mutex.unlock();
-    rig.sockets.leaveWrite();
-    rig.multiplexer.wake();
-    waiter.destroyThread();
-    return fired;
-}
-
-using Fired = std::vector<SEvent*>;
-
-}  // namespace
 
 TEST(Select, ReportsASocketOnceUntilItIsArmedAgain) {
     SRig rig;
@@ -262,7 +185,7 @@ TEST(Select, AnInterestWithdrawnDuringAPassDoesNotSilenceTheOther) {
     passHeldUp(rig, record, [&] {
         record.m_event_mask = EventMask::Read;
         record.m_revents = VL_NOPOLL;
-        rig.multiplexer.add(record);
+        rig.multiplexer.rearm(record, false);
     });
     EXPECT_EQ(unsigned{VL_NOPOLL}, record.m_revents.load());
     sendText(pair.client, pair.server, "x");
@@ -278,7 +201,7 @@ TEST(Select, WhatADispatchTookAwayDuringAPassIsNotReportedAgain) {
     const Fired fired = passHeldUp(rig, record, [&] {
         EXPECT_EQ(1, drain(pair.server.GetHandle()));
         record.m_revents = VL_NOPOLL;
-        rig.multiplexer.add(record);
+        rig.multiplexer.rearm(record, false);
     });
     EXPECT_EQ(Fired{}, fired);
     sendText(pair.client, pair.server, "x");

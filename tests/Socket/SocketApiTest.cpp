@@ -12,6 +12,7 @@ namespace Veltro::Ravelo {
 namespace {
 
 using TestSupport::SSocketPair;
+using TestSupport::waitReadable;
 
 unsigned readiness(int fd, unsigned wanted) {
     unsigned ready = 0;
@@ -129,6 +130,33 @@ TEST(SocketApi, WaitOneWorksForDescriptorsAbove1024) {
     ASSERT_EQ(1, pair.server.Send("x", 1));
     EXPECT_TRUE(TestSupport::waitReadable(pair.client));
     for (const int fd : sockets) SocketApi::close(fd);
+}
+
+TEST(SocketApi, AShortReadAndAReadOfNothingTellThatASocketWasDrained) {
+    if (TestSupport::isWindows())
+        GTEST_SKIP() << "select() asks about every socket anew: nobody needs to know";
+    SSocketPair pair;
+    char bytes[4];
+    EXPECT_EQ(6, pair.client.Send("abcdef", 6));
+    EXPECT_TRUE(waitReadable(pair.server));
+    EXPECT_EQ(4, SocketApi::recv(pair.server.GetHandle(), bytes, 4));
+    EXPECT_FALSE(SocketApi::wasDrained(pair.server.GetHandle()));
+    EXPECT_EQ(2, SocketApi::recv(pair.server.GetHandle(), bytes, 4));
+    EXPECT_TRUE(SocketApi::wasDrained(pair.server.GetHandle()));
+    EXPECT_FALSE(SocketApi::wasDrained(pair.client.GetHandle()));
+    SocketApi::forgetDrained();
+    EXPECT_FALSE(SocketApi::wasDrained(pair.server.GetHandle()));
+    EXPECT_EQ(-1, SocketApi::recv(pair.server.GetHandle(), bytes, 4));
+    EXPECT_TRUE(SocketApi::wasDrained(pair.server.GetHandle()));
+}
+
+TEST(SocketApi, TheEndOfAConnectionDoesNotDrainIt) {
+    SSocketPair pair;
+    char bytes[4];
+    pair.client.Close();
+    EXPECT_TRUE(waitReadable(pair.server));
+    EXPECT_EQ(0, SocketApi::recv(pair.server.GetHandle(), bytes, 4));
+    EXPECT_FALSE(SocketApi::wasDrained(pair.server.GetHandle()));
 }
 
 TEST(SocketApi, ADatagramOfTooManyElementsIsNotCutInPieces) {
