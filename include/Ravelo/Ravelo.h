@@ -10,5 +10,6 @@
 #include <Ravelo/SockAddrIPv4.h>
 #include <Ravelo/SockAddrIPv6.h>
 #include <Ravelo/SockAddrStorage.h>
+#include <Ravelo/SockDgram.h>
 #include <Ravelo/SockStream.h>
 #include <Ravelo/TsMemory.h>
