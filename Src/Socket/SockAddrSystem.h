@@ -3,6 +3,8 @@
 
 #include <Ravelo/SockAddr.h>
 
+#include <cstdint>
+
 #include "Socket/SocketApi_system.h"
 
 namespace Veltro::Ravelo {
@@ -23,6 +25,18 @@ bool acceptsSystemFamily(const CSockAddr& addr, int system_family);
 
 /// Fills an address from one that the system returned. @return the setter's result; -1 for a bare address.
 int setSystemAddress(CSockAddr& addr, const sockaddr_in6& system);
+
+/// The port and the text of an IPv4 or IPv6 address or a storage, by its own getters.
+/// @param text receives the text, empty if there is none or it does not fit. @param length_bytes of it.
+unsigned short addressPort(const CSockAddr& addr);
+void addressText(const CSockAddr& addr, char* text, unsigned int length_bytes);
+
+/// Whether an IPv4 address (in host order) or an IPv6 address is a multicast group.
+bool isMulticast(std::uint32_t ipv4);
+bool isMulticast(const in6_addr& ipv6);
+
+/// The same system address as an IPv4 one.
+sockaddr_in asIPv4(const sockaddr_in6& system);
 
 /// The port of a system address of either family.
 unsigned short systemPort(const sockaddr_in6& system);

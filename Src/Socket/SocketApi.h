@@ -17,11 +17,17 @@ void cleanup();
 
 /// Creates a socket that child processes do not inherit and that raises no signal; -1 on failure.
 int create(int family, int type, int protocol);
+/// Creates a datagram socket that receives from the groups it has joined only, and whose receiving does not
+/// fail because an earlier datagram found a closed port, except where it is connected on Linux.
+int createDatagram(int family);
 int close(int fd);
 int setNonBlocking(int fd, bool non_blocking);
 int bind(int fd, const sockaddr* addr, int length);
 int listen(int fd, int backlog);
 int connect(int fd, const sockaddr* addr, int length);
+/// Takes the default destination off a datagram socket of a family; its port stays. One that has no
+/// destination succeeds, too.
+int disconnect(int fd, int family);
 /// The new socket, non-blocking or blocking as asked, or -1. addr may be null; *length is its size in bytes,
 /// before and after.
 int accept(int fd, sockaddr* addr, int* length, bool non_blocking);
@@ -31,9 +37,16 @@ int getPeerName(int fd, sockaddr* addr, int* length);
 /// Each sends or receives once: bytes moved, or -1 with lastError(). Never raises SIGPIPE.
 int send(int fd, const char* data, unsigned length);
 /// One gathered call, which on a datagram socket is one datagram. Of more elements than the system takes at
-/// once a stream sends the first ones; a datagram socket fails.
+/// once a stream sends the first ones; a datagram socket fails. A negative count is an invalid argument.
 int sendV(int fd, const iovec* elements, int count);
 int recv(int fd, char* buffer, unsigned length);
+/// The same to, and from, an address. One without a family is refused. *addr_length is the size of *addr in
+/// bytes, before and after.
+int sendTo(int fd, const char* data, unsigned length, const sockaddr* addr, int addr_length);
+int recvFrom(int fd, char* buffer, unsigned length, sockaddr* addr, int* addr_length);
+
+/// The most elements of one gathered call that every system takes.
+constexpr int MAX_ELEMENTS = 1024;
 
 /// Whether the calling thread's last recv(), since it called forgetDrained(), was of this socket and left
 /// nothing to read: it got less than it had room for. Always false where nobody needs to know.
@@ -42,6 +55,8 @@ void forgetDrained();
 
 /// An option whose value is an int; the result is the system's.
 int setOption(int fd, int level, int name, int value);
+/// An option of any other type. @param length bytes at value.
+int setOption(int fd, int level, int name, const void* value, int length);
 int getOption(int fd, int level, int name, int* value);
 
 /// The calling thread's last socket error: errno, or WSAGetLastError().
@@ -57,6 +72,10 @@ bool isReset(int error);
 bool isOutOfDescriptors(int error);
 /// The number of "connection reset by peer" on this platform.
 int resetError();
+/// The number of "invalid argument" on this platform.
+int invalidArgumentError();
+/// The number of "no buffer space" on this platform.
+int noBufferError();
 
 /// The system's text for a socket error, without an end of line; the number where the system knows no text.
 /// Use as errorText(error).data() within one expression.

@@ -17,9 +17,6 @@ namespace Veltro::Ravelo::SocketApi {
 
 namespace {
 
-/// The most elements of one gathered call.
-constexpr int MAX_ELEMENTS = 1024;
-
 /// The socket that the calling thread has read empty, or -1; see wasDrained().
 thread_local int t_drained_fd = -1;
 
@@ -63,6 +60,18 @@ int create(int family, int type, int protocol) {
     return ::socket(family, type | SOCK_CLOEXEC, protocol);
 }
 
+int createDatagram(int family) {
+    const int fd = create(family, SOCK_DGRAM, 0);
+    if (fd < 0) return fd;
+    // Otherwise a wildcard address receives what any process of the machine has joined at this port. An IPv6
+    // socket receives IPv4 groups, too.
+    setOption(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+#if defined(IPV6_MULTICAST_ALL)
+    if (family == AF_INET6) setOption(fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
+#endif
+    return fd;
+}
+
 int close(int fd) {
     // The descriptor is gone even when a signal interrupted the call.
     return ::close(fd) == 0 || errno == EINTR ? 0 : -1;
@@ -89,6 +98,25 @@ int connect(int fd, const sockaddr* addr, int length) {
     }
     const int result = ::connect(fd, addr, toLength(length));
     return result < 0 && errno == EINTR ? finishConnect(fd) : result;
+}
+
+int disconnect(int fd, int) {
+    sockaddr_in6 before{};
+    int length = sizeof(before);
+    sockaddr none{};
+    none.sa_family = AF_UNSPEC;
+    if (getSockName(fd, reinterpret_cast<sockaddr*>(&before), &length) != 0 ||
+        ::connect(fd, &none, sizeof(none)) != 0) {
+        return -1;
+    }
+    // A port that the system chose goes with the connection, and is taken again. Both families keep the port
+    // at the same place.
+    sockaddr_in6 after{};
+    if (getSockName(fd, reinterpret_cast<sockaddr*>(&after), &length) != 0) return -1;
+    if (after.sin6_port == before.sin6_port) return 0;
+    after.sin6_port = before.sin6_port;
+    if (after.sin6_family == AF_INET6) after.sin6_scope_id = before.sin6_scope_id;
+    return bind(fd, reinterpret_cast<const sockaddr*>(&after), length);
 }
 
 int accept(int fd, sockaddr* addr, int* length, bool non_blocking) {
@@ -118,6 +146,10 @@ int send(int fd, const char* data, unsigned length) {
 }
 
 int sendV(int fd, const iovec* elements, int count) {
+    if (count < 0) {
+        errno = EINVAL;
+        return -1;
+    }
     if (count > MAX_ELEMENTS) {
         int type = 0;
         if (getOption(fd, SOL_SOCKET, SO_TYPE, &type) != 0) return -1;
@@ -157,8 +189,29 @@ void forgetDrained() {
     t_drained_fd = -1;
 }
 
+int sendTo(int fd, const char* data, unsigned length, const sockaddr* addr, int addr_length) {
+    // The system would take an address without a family for one of the loopback.
+    if (addr->sa_family == AF_UNSPEC) {
+        errno = EAFNOSUPPORT;
+        return -1;
+    }
+    return static_cast<int>(
+        ::sendto(fd, data, std::min<unsigned>(length, INT_MAX), MSG_NOSIGNAL, addr, toLength(addr_length)));
+}
+
+int recvFrom(int fd, char* buffer, unsigned length, sockaddr* addr, int* addr_length) {
+    socklen_t size = toLength(*addr_length);
+    const auto received = ::recvfrom(fd, buffer, std::min<unsigned>(length, INT_MAX), 0, addr, &size);
+    if (received >= 0) *addr_length = static_cast<int>(size);
+    return static_cast<int>(received);
+}
+
 int setOption(int fd, int level, int name, int value) {
-    return ::setsockopt(fd, level, name, &value, sizeof(value));
+    return setOption(fd, level, name, &value, sizeof(value));
+}
+
+int setOption(int fd, int level, int name, const void* value, int length) {
+    return ::setsockopt(fd, level, name, value, toLength(length));
 }
 
 int getOption(int fd, int level, int name, int* value) {
@@ -196,6 +249,14 @@ bool isOutOfDescriptors(int error) {
 
 int resetError() {
     return ECONNRESET;
+}
+
+int invalidArgumentError() {
+    return EINVAL;
+}
+
+int noBufferError() {
+    return ENOBUFS;
 }
 
 std::array<char, 512> errorText(int error) {

@@ -1,6 +1,7 @@
 #include "Socket/SocketApi.h"
 
 #include <iphlpapi.h>
+#include <mswsock.h>
 
 #include <algorithm>
 #include <climits>
@@ -15,9 +16,6 @@ static_assert(offsetof(iovec, iov_len) == offsetof(WSABUF, len));
 static_assert(offsetof(iovec, iov_base) == offsetof(WSABUF, buf));
 
 namespace {
-
-/// The most elements of one gathered call that every Windows takes.
-constexpr int MAX_ELEMENTS = 1024;
 
 /// The system's handle; its numbers fit 32 bits.
 SOCKET toSocket(int fd) {
@@ -63,6 +61,17 @@ int create(int family, int type, int protocol) {
     return fd;
 }
 
+int createDatagram(int family) {
+    const int fd = create(family, SOCK_DGRAM, 0);
+    if (fd < 0) return fd;
+    // Otherwise a datagram that found a closed port makes the next receiving fail.
+    BOOL reports_resets = FALSE;
+    DWORD returned = 0;
+    WSAIoctl(toSocket(fd), SIO_UDP_CONNRESET, &reports_resets, sizeof(reports_resets), nullptr, 0, &returned,
+             nullptr, nullptr);
+    return fd;
+}
+
 int close(int fd) {
     return ::closesocket(toSocket(fd));
 }
@@ -88,6 +97,15 @@ int connect(int fd, const sockaddr* addr, int length) {
     return ::connect(toSocket(fd), addr, length);
 }
 
+int disconnect(int fd, int family) {
+    sockaddr_in6 none{};
+    const int length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    if (::connect(toSocket(fd), reinterpret_cast<const sockaddr*>(&none), length) == 0) return 0;
+    // Some versions want the socket's family with the empty address.
+    none.sin6_family = static_cast<decltype(none.sin6_family)>(family);
+    return ::connect(toSocket(fd), reinterpret_cast<const sockaddr*>(&none), length);
+}
+
 int accept(int fd, sockaddr* addr, int* length, bool non_blocking) {
     const SOCKET accepted = ::accept(toSocket(fd), addr, addr != nullptr ? length : nullptr);
     if (accepted != INVALID_SOCKET) {
@@ -111,6 +129,10 @@ int send(int fd, const char* data, unsigned length) {
 }
 
 int sendV(int fd, const iovec* elements, int count) {
+    if (count < 0) {
+        WSASetLastError(WSAEINVAL);
+        return -1;
+    }
     if (count > MAX_ELEMENTS) {
         int type = 0;
         if (getOption(fd, SOL_SOCKET, SO_TYPE, &type) != 0) return -1;
@@ -135,8 +157,26 @@ bool wasDrained(int) {
 
 void forgetDrained() {}
 
+int sendTo(int fd, const char* data, unsigned length, const sockaddr* addr, int addr_length) {
+    if (addr->sa_family == AF_UNSPEC) {
+        WSASetLastError(WSAEAFNOSUPPORT);
+        return -1;
+    }
+    return ::sendto(toSocket(fd), data, static_cast<int>(std::min<unsigned>(length, INT_MAX)), 0, addr,
+                    addr_length);
+}
+
+int recvFrom(int fd, char* buffer, unsigned length, sockaddr* addr, int* addr_length) {
+    return ::recvfrom(toSocket(fd), buffer, static_cast<int>(std::min<unsigned>(length, INT_MAX)), 0, addr,
+                      addr_length);
+}
+
 int setOption(int fd, int level, int name, int value) {
-    return ::setsockopt(toSocket(fd), level, name, reinterpret_cast<const char*>(&value), sizeof(value));
+    return setOption(fd, level, name, &value, sizeof(value));
+}
+
+int setOption(int fd, int level, int name, const void* value, int length) {
+    return ::setsockopt(toSocket(fd), level, name, static_cast<const char*>(value), length);
 }
 
 int getOption(int fd, int level, int name, int* value) {
@@ -176,6 +216,14 @@ bool isOutOfDescriptors(int error) {
 
 int resetError() {
     return WSAECONNRESET;
+}
+
+int invalidArgumentError() {
+    return WSAEINVAL;
+}
+
+int noBufferError() {
+    return WSAENOBUFS;
 }
 
 std::array<char, 512> errorText(int error) {

@@ -4,11 +4,13 @@
 #include <Ravelo/Defs.h>
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/NetThread.h>
+#include <Ravelo/SimulatorStream.h>
 #include <Ravelo/Sock.h>
 #include <Ravelo/SockAcceptor.h>
 #include <Ravelo/SockAddr.h>
 #include <Ravelo/SockAddrIPv4.h>
 #include <Ravelo/SockAddrIPv6.h>
 #include <Ravelo/SockAddrStorage.h>
+#include <Ravelo/SockDgram.h>
 #include <Ravelo/SockStream.h>
 #include <Ravelo/TsMemory.h>

@@ -1,6 +1,6 @@
 """Runs the example programs as their users do, one case per call.
 
-usage: run_examples.py CASE --bin FOLDER [--suffix .exe] [--emulator wine] --nc NC
+usage: run_examples.py CASE --bin FOLDER [--suffix .exe] [--emulator wine] --nc NC --socat SOCAT
 """
 
 import argparse
@@ -211,6 +211,115 @@ def ReadmeServerEchoes(options):
         assert netcat(options, echo.port, b"hello\n") == b"hello\n"
 
 
+GROUP, GROUP6 = "239.255.77.3", "ff15::77:3"
+
+
+def skip(reason):
+    print(f"skipped: {reason}")
+    sys.exit(77)
+
+
+def free_port(group):
+    """A port of a group that this machine can join on its default interface."""
+    family = socket.AF_INET6 if ":" in group else socket.AF_INET
+    try:
+        with socket.socket(family, socket.SOCK_DGRAM) as probe:
+            probe.bind(("", 0))
+            membership = socket.inet_pton(family, group) + bytes(4)
+            if family == socket.AF_INET6:
+                probe.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_JOIN_GROUP, membership)
+            else:
+                probe.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, membership)
+            return probe.getsockname()[1]
+    except OSError as error:
+        return skip(f"{group} cannot be joined here: {error}")
+
+
+class Chat(Program):
+    """One who chats."""
+
+    def __init__(self, options, *arguments):
+        super().__init__(options, "udp_chat", *arguments, stdin=subprocess.PIPE)
+
+    def __enter__(self):
+        self.expect(lambda line: line.startswith("joined "))
+        return self
+
+    def say(self, text):
+        self.process.stdin.write(text.encode() + b"\n")
+        self.process.stdin.flush()
+
+    def expect(self, wanted):
+        line = self.process.stdout.readline().decode().strip()
+        assert wanted(line), f"{self.command} said: {line!r}"
+
+    def hears(self, text):
+        self.expect(lambda line: line == text)
+
+
+def converse(options, group, interface):
+    port = free_port(group)
+    with Chat(options, group, port, interface, "anna") as anna, Chat(options, group, port, interface, "bob") as bob:
+        for number in range(20):
+            for speaker, name in ((anna, "anna"), (bob, "bob")):
+                speaker.say(f"line {number}")
+                anna.hears(f"{name}: line {number}")
+                bob.hears(f"{name}: line {number}")
+
+
+def ChatsSeeEachOthersLines(options):
+    converse(options, GROUP, "127.0.0.1")
+
+
+def ChatsSeeEachOthersLinesOnTheDefaultInterface(options):
+    converse(options, GROUP, "-")
+
+
+def ChatsSeeEachOthersLinesOverIPv6(options):
+    converse(options, GROUP6, "-")
+
+
+def ChatEndsWithItsInput(options):
+    with Chat(options, GROUP, free_port(GROUP), "127.0.0.1") as chat:
+        chat.say("last words")
+        chat.hears("somebody: last words")
+        chat.process.stdin.close()
+        chat.hears("stopped")
+        assert chat.process.wait(PATIENCE) == 0
+        chat.end = lambda: None
+
+
+def ChatFailsWithoutAGroup(options):
+    for arguments in (("nonsense:", 1), ("127.0.0.1", 0), (GROUP, 0, "198.51.100.1")):
+        chat = Chat(options, *arguments)
+        output, _ = chat.process.communicate(timeout=PATIENCE)
+        assert chat.process.returncode == 1, f"{arguments} ended with {chat.process.returncode}"
+        assert output.startswith(b"cannot join "), output
+
+
+def ChatTalksToSocat(options):
+    if options.emulator or not options.socat:
+        skip("this needs socat, and a program of its own platform")
+    port = free_port(GROUP)
+    address = (f"UDP4-DATAGRAM:{GROUP}:{port},bind=:{port},reuseaddr,ip-add-membership={GROUP}:127.0.0.1,"
+               "ip-multicast-if=127.0.0.1,ip-multicast-loop=1,ip-multicast-ttl=0")
+    with Chat(options, GROUP, port, "127.0.0.1", "anna") as anna:
+        peer = subprocess.Popen([options.socat, "-d", "-d", "STDIO", address], stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        try:
+            while b"starting data transfer loop" not in peer.stderr.readline():
+                assert peer.poll() is None, "socat does not start"
+            anna.say("who is there?")
+            anna.hears("anna: who is there?")
+            assert peer.stdout.readline() == b"anna: who is there?\n"
+            peer.stdin.write(b"socat is\n")
+            peer.stdin.flush()
+            anna.hears("socat is")
+        finally:
+            peer.kill()
+            peer.communicate()
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("case")
@@ -218,6 +327,7 @@ def main():
     parser.add_argument("--suffix", default="")
     parser.add_argument("--emulator", default="")
     parser.add_argument("--nc", default=shutil.which("nc"))
+    parser.add_argument("--socat", default=shutil.which("socat"))
     options = parser.parse_args()
     globals()[options.case](options)
 
