@@ -11,4 +11,5 @@
 #include <Ravelo/SockAddrIPv6.h>
 #include <Ravelo/SockAddrStorage.h>
 #include <Ravelo/SockStream.h>
+#include <Ravelo/StrParser.h>
 #include <Ravelo/TsMemory.h>
