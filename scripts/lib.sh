@@ -10,6 +10,7 @@ native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-co
 windows_packages=(g++-mingw-w64-x86-64-posix wine wine64)
 clang_packages=(clang)
 format_packages=(clang-format git)
+fuzz_packages=(clang libclang-rt-14-dev)
 
 say() { printf '\n== %s\n' "$*"; }
 

@@ -64,41 +64,42 @@ inline const char* findByte(const char* from, const char* to, char c) {
     return found != nullptr ? static_cast<const char*>(found) : to;
 }
 
-/// Sixteen bytes at a time: the first that `test` marks in a block; the rest one by one, by `is_it`.
-template <typename BlockTest, typename ByteTest>
-const char* findInBlocks(const char* from, const char* to, BlockTest test, ByteTest is_it) {
-    for (; to - from >= 16; from += 16) {
-        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
-        const auto marks = static_cast<unsigned>(_mm_movemask_epi8(test(block)));
-        if (marks != 0) return from + std::countr_zero(marks);
-    }
-    while (from != to && !is_it(*from)) ++from;
-    return from;
+/// Which of the sixteen bytes of a block were marked, the first one in the lowest bit.
+inline unsigned markedBytes(__m128i marks) {
+    return static_cast<unsigned>(_mm_movemask_epi8(marks));
 }
 
 /// The first of two bytes: unlike two searches it stops at the nearer one.
 inline const char* findEither(const char* from, const char* to, char one, char other) {
     const __m128i ones = _mm_set1_epi8(one);
     const __m128i others = _mm_set1_epi8(other);
-    return findInBlocks(
-        from, to,
-        [ones, others](__m128i block) {
-            return _mm_or_si128(_mm_cmpeq_epi8(block, ones), _mm_cmpeq_epi8(block, others));
-        },
-        [one, other](char c) { return c == one || c == other; });
+    const auto find = [ones, others](const char* block_at) {
+        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(block_at));
+        return markedBytes(_mm_or_si128(_mm_cmpeq_epi8(block, ones), _mm_cmpeq_epi8(block, others)));
+    };
+    // Two blocks at a time: most words and many lines end within them, and a branch that goes the same way
+    // each time costs nothing.
+    for (; to - from >= 32; from += 32) {
+        const unsigned found = find(from) | find(from + 16) << 16;
+        if (found != 0) return from + std::countr_zero(found);
+    }
+    while (from != to && *from != one && *from != other) ++from;
+    return from;
 }
 
 /// The first byte that is not from 33 to 126.
 inline const char* skipPrintable(const char* from, const char* to) {
-    const __m128i below = _mm_set1_epi8(33);
-    const __m128i above = _mm_set1_epi8(126);
-    // Bytes from 128 on are negative here, hence below.
-    return findInBlocks(
-        from, to,
-        [below, above](__m128i block) {
-            return _mm_or_si128(_mm_cmplt_epi8(block, below), _mm_cmpgt_epi8(block, above));
-        },
-        [](char c) { return static_cast<unsigned char>(c) < 33 || static_cast<unsigned char>(c) > 126; });
+    const __m128i lowest = _mm_set1_epi8(33);
+    const __m128i highest = _mm_set1_epi8(126);
+    for (; to - from >= 16; from += 16) {
+        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+        // Bytes from 128 on are negative here, hence below the lowest.
+        const unsigned found =
+            markedBytes(_mm_or_si128(_mm_cmplt_epi8(block, lowest), _mm_cmpgt_epi8(block, highest)));
+        if (found != 0) return from + std::countr_zero(found);
+    }
+    while (from != to && *from > ' ' && *from < '\x7f') ++from;
+    return from;
 }
 
 /// The first byte whose entry in a table of 256 is not 0.

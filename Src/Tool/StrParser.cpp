@@ -136,11 +136,12 @@ int CStrParser::Expect(char c) {
 
 int CStrParser::ExpectEOL() {
     SStrParserRecord& self = SStrParserRecord::of(*this);
+    const int rest = self.rest();
+    if (rest == 0) return -1;
     const char* position = self.cursor();
-    if (self.rest() > 1 && *position == '\r') ++position;
-    if (position == self.end() || *position != '\n') return -1;
-    self.moveTo(position + 1);
-    return self.m_offset;
+    if (*position == '\n') return self.m_offset += 1;
+    if (*position == '\r' && rest > 1 && position[1] == '\n') return self.m_offset += 2;
+    return -1;
 }
 
 }  // namespace Veltro::Ravelo

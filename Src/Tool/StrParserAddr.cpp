@@ -4,7 +4,7 @@
 #include <Ravelo/StrParser.h>
 
 #include <array>
-#include <cstdio>
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -45,6 +45,18 @@ bool readFourNumbers(const char* from, const char* to, std::array<int, 4>* numbe
     return true;
 }
 
+/// Prints "a.b.c.d", cut to size - 1 bytes and a NUL. As snprintf would, which takes longer than all the
+/// rest.
+void printNumbers(const std::array<int, 4>& numbers, char* out, unsigned int size) {
+    std::array<char, 48> text{};
+    char* end = text.data();
+    for (const int number : numbers) {
+        if (end != text.data()) *end++ = '.';
+        end = std::to_chars(end, text.data() + text.size(), number).ptr;
+    }
+    copyText(text.data(), end, out, size);
+}
+
 /// Copies at most size bytes; without a NUL if they fill the destination.
 void copyCut(const char* from, const char* to, char* out, unsigned int size) {
     std::memcpy(out, from, std::min(static_cast<std::size_t>(to - from), std::size_t{size}));
@@ -73,7 +85,7 @@ const char* takeBare(const char* from, const char* to, char* out, unsigned int s
 const char* takeAddress(const char* from, const char* to, char* out, unsigned int size) {
     std::array<int, 4> numbers{};
     if (readFourNumbers(from, to, &numbers)) {
-        std::snprintf(out, size, "%d.%d.%d.%d", numbers[0], numbers[1], numbers[2], numbers[3]);
+        printNumbers(numbers, out, size);
         return ByteScan::skipClass(from, to, ByteScan::IPV4_BYTE);
     }
     return *from == '[' ? takeBracketed(from, to, out, size) : takeBare(from, to, out, size);

@@ -21,6 +21,17 @@ const char* findAnyOf(const char* from, const char* to, const char* set) {
     return ByteScan::findInTable(from, to, table.data());
 }
 
+/// Moves over bytes of a class: mostly none or one, so they are counted, and what is read next waits for no
+/// pointer.
+int skipOver(SStrParserRecord& record, unsigned char skipped) {
+    const char* position = record.cursor();
+    const int rest = record.rest();
+    int count = 0;
+    while (count < rest && ByteScan::isA(position[count], skipped)) ++count;
+    record.m_offset += count;
+    return count;
+}
+
 }  // namespace
 
 int CStrParser::ConsumeWord(char* dst, unsigned int size) {
@@ -32,21 +43,22 @@ int CStrParser::ConsumeWord(char* dst, unsigned int size) {
 }
 
 int CStrParser::ConsumeWhitespace() {
-    SStrParserRecord& self = SStrParserRecord::of(*this);
-    return self.moveTo(ByteScan::skipClass(self.cursor(), self.end(), ByteScan::SPACE));
+    return skipOver(SStrParserRecord::of(*this), ByteScan::SPACE);
 }
 
 int CStrParser::ConsumeWhitespaceInLine() {
-    SStrParserRecord& self = SStrParserRecord::of(*this);
-    return self.moveTo(ByteScan::skipClass(self.cursor(), self.end(), ByteScan::LINE_SPACE));
+    return skipOver(SStrParserRecord::of(*this), ByteScan::LINE_SPACE);
 }
 
 int CStrParser::ConsumeLength(unsigned int n, char* dst, unsigned int size) {
     SStrParserRecord& self = SStrParserRecord::of(*this);
     const char* start = self.cursor();
-    const char* stop = start + std::min(n, static_cast<unsigned>(self.rest()));
-    copyText(start, stop, dst, size);
-    return self.moveTo(stop);
+    const auto rest = static_cast<unsigned>(self.rest());
+    if (n > rest) [[unlikely]]
+        n = rest;
+    copyText(start, start + n, dst, size);
+    self.m_offset += static_cast<int>(n);
+    return static_cast<int>(n);
 }
 
 int CStrParser::ConsumeSentence(const char* delims, char* dst, unsigned int size) {
@@ -100,7 +112,8 @@ int CStrParser::GetThru(char c) {
 }
 
 int CStrParser::GetThruEOL() {
-    return GetThru('\n');
+    SStrParserRecord& self = SStrParserRecord::of(*this);
+    return self.moveThru(ByteScan::findByte(self.cursor(), self.end(), '\n'));
 }
 
 int CStrParser::ConsumeUntilNextLine() {

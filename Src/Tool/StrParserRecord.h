@@ -21,7 +21,9 @@ struct SStrParserRecord {
 
     /// A parser's record.
     static SStrParserRecord& of(const CStrParser& parser) {
-        return parser.m_internal != nullptr ? *parser.m_internal : lacking();
+        if (parser.m_internal == nullptr) [[unlikely]]
+            return lacking();
+        return *parser.m_internal;
     }
     /// Gives a parser the record that it could not get before. @return whether it has one.
     static bool make(CStrParser& parser);
@@ -30,7 +32,12 @@ struct SStrParserRecord {
     static SStrParserRecord& lacking();
 
     /// Where the cursor stands, at most the end.
-    const char* cursor() const { return m_buf + std::min(m_offset, m_len); }
+    const char* cursor() const {
+        // A branch: the next operation need not wait for a minimum.
+        if (m_offset > m_len) [[unlikely]]
+            return end();
+        return m_buf + m_offset;
+    }
     const char* end() const { return m_buf + m_len; }
     int rest() const { return std::max(m_len - m_offset, 0); }
     int offsetOf(const char* position) const { return static_cast<int>(position - m_buf); }
@@ -47,8 +54,9 @@ struct SStrParserRecord {
     /// with it.
     int moveThru(const char* position) {
         if (position == end()) return -1;
-        const auto moved = static_cast<int>(position + 1 - cursor());
-        m_offset = std::min(offsetOf(position) + 1, m_len - 1);
+        const int moved = moveTo(position + 1);
+        if (m_offset == m_len) [[unlikely]]
+            --m_offset;
         return moved;
     }
     /// Drops the text; the status stays.
