@@ -15,7 +15,8 @@ using Veltro::Fuzz::CFuzzBytes;
 using Veltro::Fuzz::require;
 using Veltro::Ravelo::CStrParser;
 
-constexpr int LONGEST_TEXT = 8192;
+/// A text this long grows no more: one that is replaced by itself over and over would take all memory.
+constexpr int LONGEST_TEXT = 1024;
 
 /// A destination of exactly the drawn size, so that a byte too many is found; sometimes null.
 class CDestination {
@@ -164,6 +165,7 @@ const Operation OPERATIONS[] = {
         parser.GetLineWithHead(input.shortText().c_str(), to.data(), to.size());
     },
     [](CStrParser& parser, CFuzzBytes& input) {
+        if (parser.GetStringLen() > LONGEST_TEXT) return;
         useText(parser, input, [&parser](const char* text) { parser.ReplaceIpAddr(text); });
     },
     [](CStrParser& parser, CFuzzBytes& input) {
