@@ -6,7 +6,7 @@ cd "$root"
 jobs=$(nproc)
 
 # What a build for each platform needs, as Debian 12 names it.
-native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils netcat-openbsd)
+native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils netcat-openbsd curl)
 windows_packages=(g++-mingw-w64-x86-64-posix wine wine64)
 clang_packages=(clang)
 format_packages=(clang-format git)
