@@ -6,10 +6,12 @@ cd "$root"
 jobs=$(nproc)
 
 # What a build for each platform needs, as Debian 12 names it.
-native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils netcat-openbsd socat)
+native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils curl netcat-openbsd
+    socat)
 windows_packages=(g++-mingw-w64-x86-64-posix wine wine64)
 clang_packages=(clang)
 format_packages=(clang-format git)
+fuzz_packages=(clang libclang-rt-14-dev)
 
 say() { printf '\n== %s\n' "$*"; }
 

@@ -320,7 +320,7 @@ def ChatTalksToSocat(options):
             peer.communicate()
 
 
-def main():
+def parse_options():
     parser = argparse.ArgumentParser()
     parser.add_argument("case")
     parser.add_argument("--bin", required=True)
@@ -328,8 +328,9 @@ def main():
     parser.add_argument("--emulator", default="")
     parser.add_argument("--nc", default=shutil.which("nc"))
     parser.add_argument("--socat", default=shutil.which("socat"))
-    options = parser.parse_args()
-    globals()[options.case](options)
+    return parser.parse_args()
 
 
-main()
+if __name__ == "__main__":
+    chosen = parse_options()
+    globals()[chosen.case](chosen)
