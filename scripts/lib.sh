@@ -6,8 +6,9 @@ cd "$root"
 jobs=$(nproc)
 
 # What a build for each platform needs, as Debian 12 names it.
-native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils netcat-openbsd)
-windows_packages=(g++-mingw-w64-x86-64-posix wine wine64)
+native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils netcat-openbsd
+    libssl-dev openssl)
+windows_packages=(g++-mingw-w64-x86-64-posix wine wine64 perl make)
 clang_packages=(clang)
 format_packages=(clang-format git)
 
