@@ -4,6 +4,7 @@
 #include <Ravelo/Defs.h>
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/NetThread.h>
+#include <Ravelo/SessionCache.h>
 #include <Ravelo/Sock.h>
 #include <Ravelo/SockAcceptor.h>
 #include <Ravelo/SockAddr.h>
