@@ -12,4 +12,5 @@
 #include <Ravelo/SockAddrIPv6.h>
 #include <Ravelo/SockAddrStorage.h>
 #include <Ravelo/SockStream.h>
+#include <Ravelo/SslX509.h>
 #include <Ravelo/TsMemory.h>
