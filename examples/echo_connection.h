@@ -1,36 +1,13 @@
-// One client of the echo server, and the list of all of them.
+// One client of the echo server.
 #pragma once
 
 #include <Plinth/Plinth.h>
 #include <Ravelo/Ravelo.h>
 
 #include <memory>
-#include <set>
 #include <utility>
 
-/// The ids of the handlers that are alive: a handler is known to others by its id, never by a pointer.
-class CLiveHandlers {
-public:
-    void Add(long id) {
-        Veltro::Plinth::CLockGuard guard(m_mutex);
-        m_ids.insert(id);
-    }
-    void Remove(long id) {
-        Veltro::Plinth::CLockGuard guard(m_mutex);
-        m_ids.erase(id);
-    }
-    std::set<long> GetIds() {
-        Veltro::Plinth::CLockGuard guard(m_mutex);
-        return m_ids;
-    }
-    void WaitForNone() {
-        while (!GetIds().empty()) Veltro::Plinth::sleepMilliSecond(1);
-    }
-
-private:
-    Veltro::Plinth::CMutex m_mutex;
-    std::set<long> m_ids PLINTH_GUARDED_BY(m_mutex);
-};
+#include "live_handlers.h"
 
 /// Sends back what it receives. What the peer does not take is kept, and reading pauses until it has been
 /// taken, so that a client that never reads costs one buffer. Ends with its peer, after a silence, or by a

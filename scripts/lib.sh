@@ -6,11 +6,12 @@ cd "$root"
 jobs=$(nproc)
 
 # What a build for each platform needs, as Debian 12 names it.
-native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils netcat-openbsd
+native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils netcat-openbsd curl
     libssl-dev openssl)
 windows_packages=(g++-mingw-w64-x86-64-posix wine wine64 perl make)
 clang_packages=(clang)
 format_packages=(clang-format git)
+fuzz_packages=(clang libclang-rt-14-dev)
 
 say() { printf '\n== %s\n' "$*"; }
 

@@ -1,4 +1,4 @@
-"""Benchmarks that run inside one process: messages and timers."""
+"""Benchmarks that run inside one process: messages, timers and texts."""
 
 from . import table
 from .process import run_json
@@ -15,6 +15,9 @@ SCENARIOS = {
 }
 TIMER_LIBRARIES = ["ravelo", "libevent", "asio"]
 TIMER_BASE = "libevent"
+PARSER_BASE = "memchr"
+PARSERS = {"http": ["memchr", "ravelo", "httpparser"], "sdp": ["memchr", "ravelo"]}
+TEXTS = {"http": "HTTP request, 1 KiB", "sdp": "session description, 2 KiB"}
 
 
 def _built(programs, kind, libraries, base):
@@ -78,3 +81,16 @@ def _timer_line(runs, name, count):
                  table.ratio(_values(runs, name, key), _values(runs, TIMER_BASE, key))]
     cancelled = min(_values(runs, name, "cancelled"))
     return line + ["all" if cancelled == count else f"{cancelled:,} before the time was up"]
+
+
+def run_parsers(programs, options):
+    print("== parser: ratios are to a loop written by hand with memchr (less is better)\n")
+    for text, title in TEXTS.items():
+        parsers = _built(programs, "parser", PARSERS[text], PARSER_BASE)
+        if not parsers:
+            return
+        runs = _rounds(parsers, options.rounds,
+                       lambda name: run_json([programs / f"parser_{name}", text, options.seconds / 3], BOTH, 60))
+        table.show([title, "ns per text (min .. max)", "ratio"],
+                   [[name, table.spread(_values(runs, name, "ns")),
+                     table.ratio(_values(runs, name, "ns"), _values(runs, PARSER_BASE, "ns"))] for name in parsers])

@@ -13,4 +13,5 @@
 #include <Ravelo/SockAddrStorage.h>
 #include <Ravelo/SockStream.h>
 #include <Ravelo/SslX509.h>
+#include <Ravelo/StrParser.h>
 #include <Ravelo/TsMemory.h>

@@ -211,15 +211,16 @@ def ReadmeServerEchoes(options):
         assert netcat(options, echo.port, b"hello\n") == b"hello\n"
 
 
-def main():
+def parse_options():
     parser = argparse.ArgumentParser()
     parser.add_argument("case")
     parser.add_argument("--bin", required=True)
     parser.add_argument("--suffix", default="")
     parser.add_argument("--emulator", default="")
     parser.add_argument("--nc", default=shutil.which("nc"))
-    options = parser.parse_args()
-    globals()[options.case](options)
+    return parser.parse_args()
 
 
-main()
+if __name__ == "__main__":
+    chosen = parse_options()
+    globals()[chosen.case](chosen)
