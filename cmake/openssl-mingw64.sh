@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Gives OpenSSL for Windows x86-64, cross-built with mingw-w64: prints the folder to pass as OPENSSL_ROOT_DIR.
 #
-#   cmake/openssl-mingw64.sh            the newest cached one; builds it if there is none (about 2 minutes)
+#   cmake/openssl-mingw64.sh            the newest cached one; builds it if there is none (about 3 minutes)
 #   cmake/openssl-mingw64.sh --cached   the newest cached one; fails if there is none
 #   cmake/openssl-mingw64.sh --update   builds the version that Debian offers now, unless it is cached
 #

@@ -52,8 +52,7 @@ int SSessionCacheRecord::store(SSL_SESSION* session, const char* key) {
 }
 
 CSessionCache::CSessionCache() : m_internal(nullptr) {
-    // Before anything of OpenSSL is stored: what is stored here may live until the process's last statics go.
-    if (SslSetup::initLibrary() == 0) m_internal = new (std::nothrow) SSessionCacheRecord;
+    if (SslSetup::keepPastExit() == 0) m_internal = new (std::nothrow) SSessionCacheRecord;
 }
 
 CSessionCache::~CSessionCache() {

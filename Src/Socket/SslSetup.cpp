@@ -7,14 +7,16 @@
 
 namespace Veltro::Ravelo::SslSetup {
 
-int initLibrary() {
-    if (OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1) return 0;
-    RAVELO_LOG(Plinth::LOG_LEVEL_FATAL, "%s : OPENSSL_init_ssl failed!\n", __func__);
-    return -1;
+int keepPastExit() {
+    return OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1 ? 0 : -1;
 }
 
 void start() {
-    if (initLibrary() == 0) CDtlsTicketKeys::shared().Init();
+    if (OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1) {
+        RAVELO_LOG(Plinth::LOG_LEVEL_FATAL, "%s : OPENSSL_init_ssl failed!\n", __func__);
+        return;
+    }
+    CDtlsTicketKeys::shared().Init();
 }
 
 }  // namespace Veltro::Ravelo::SslSetup

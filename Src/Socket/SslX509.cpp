@@ -56,7 +56,7 @@ private:
 }  // namespace
 
 CSslX509::CSslX509() : m_internal(nullptr) {
-    if (SslSetup::initLibrary() != 0) return;
+    if (SslSetup::keepPastExit() != 0) return;
     const CErrorQueueKeeper errors;
     std::unique_ptr<SSslX509Record> record(new (std::nothrow) SSslX509Record);
     if (record != nullptr && record->m_chain != nullptr && record->m_trust != nullptr)

@@ -1,11 +1,16 @@
 #include "Socket/SslSetup.h"
 
 #include <Ravelo/NetThread.h>
+#include <Ravelo/SessionCache.h>
+#include <Ravelo/SslX509.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
+#include <string>
+
 #include "Socket/DtlsTicketKeys.h"
 #include "Socket/OpenSslTypes.h"
+#include "Support/Certificates.h"
 
 namespace Veltro::Ravelo {
 namespace {
@@ -14,6 +19,16 @@ TEST(SslSetup, TheFirstPoolDrawsTheTicketKeys) {
     ASSERT_EQ(0, CNetThread::CreateThreadPool(1, false));
     EXPECT_GT(CDtlsTicketKeys::shared().Size(), 0U);
     EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(SslSetup, StaticsHoldTheirOpenSslObjectsUntilTheProcessEnds) {
+    // Destroyed at exit: the sanitizers and the program's result tell whether that goes well.
+    static CSessionCache s_static_cache;
+    static CSslX509 s_static_cert;
+    const TSession session(SSL_SESSION_new());
+    EXPECT_EQ(0, s_static_cache.Add(session.get(), "static"));
+    EXPECT_EQ(0, s_static_cert.SetCert(TestSupport::certificate("server.pem").c_str(),
+                                       TestSupport::certificate("server_key.pem").c_str()));
 }
 
 TEST(SslSetup, OpenSslWorksAcrossTheEndsOfPools) {
@@ -34,7 +49,7 @@ TEST(SslSetup, TheTicketKeysOutliveThePools) {
 }
 
 TEST(SslSetup, BothPlatformsRefuseWhatSecurityLevelTwoRefuses) {
-    ASSERT_EQ(0, SslSetup::initLibrary());
+    SslSetup::start();
     const TSslContext context(SSL_CTX_new(TLS_method()));
     EXPECT_EQ(2, SSL_CTX_get_security_level(context.get()));
 }
