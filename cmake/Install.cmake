@@ -42,11 +42,12 @@ configure_file(cmake/ravelo.pc.in ${PROJECT_BINARY_DIR}/ravelo.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ravelo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(MINGW)
-    # The compiler's run-time libraries travel with ours.
+    # The compiler's run-time libraries and OpenSSL's travel with ours.
     foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
         execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${dll}
             OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
         file(REAL_PATH ${path} path)
         install(FILES ${path} DESTINATION ${CMAKE_INSTALL_BINDIR})
     endforeach()
+    install(FILES ${RAVELO_OPENSSL_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

@@ -12,9 +12,11 @@ for target in build/linux-fuzz/bin/*Fuzz; do
     name=${target##*/}
     say "Running $name for $seconds s"
     mkdir -p "build/fuzz/$name"
-    # The first folder takes what is learnt; the seeds behind it are only read.
+    # The first folder takes what is learnt; the seeds behind it, from the tree or the build, are only read.
+    seeds=fuzz/corpus/$name
+    [[ -d $seeds ]] || seeds=build/linux-fuzz/fuzz/corpus/$name
     "$target" -max_total_time="$seconds" -timeout=120 -rss_limit_mb=2048 -print_final_stats=1 \
-        -artifact_prefix="build/fuzz/$name-" "build/fuzz/$name" "fuzz/corpus/$name" 2>"$(log_file "fuzz-$name")" ||
+        -artifact_prefix="build/fuzz/$name-" "build/fuzz/$name" "$seeds" 2>"$(log_file "fuzz-$name")" ||
         { cat "$(log_file "fuzz-$name")" >&2; exit 1; }
     grep '^stat::' "$(log_file "fuzz-$name")"
 done

@@ -7,8 +7,8 @@ jobs=$(nproc)
 
 # What a build for each platform needs, as Debian 12 names it.
 native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils curl netcat-openbsd
-    socat)
-windows_packages=(g++-mingw-w64-x86-64-posix wine wine64)
+    socat libssl-dev openssl)
+windows_packages=(g++-mingw-w64-x86-64-posix wine wine64 perl make)
 clang_packages=(clang)
 format_packages=(clang-format git)
 fuzz_packages=(clang libclang-rt-14-dev)

@@ -20,6 +20,8 @@ esac
 install_packages "${native_packages[@]}"
 if [[ ${presets[0]} == windows-release ]]; then
     install_packages "${windows_packages[@]}"
+    # Built once and kept; a folder given by the user is used instead.
+    [[ -n ${OPENSSL_ROOT_DIR:-} ]] || cmake/openssl-mingw64.sh
     start_wine
 fi
 for preset in "${presets[@]}"; do

@@ -146,7 +146,6 @@ void shutDown(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
     state.file_threads = false;
     CTsMemory::DestroyMemPool();
     CEventPool::destroy();
-    SslSetup::stop();
     SocketApi::cleanup();
     state.pool_count = -1;
 }

@@ -4,6 +4,7 @@
 #include <Ravelo/Defs.h>
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/NetThread.h>
+#include <Ravelo/SessionCache.h>
 #include <Ravelo/SimulatorStream.h>
 #include <Ravelo/Sock.h>
 #include <Ravelo/SockAcceptor.h>
@@ -13,5 +14,6 @@
 #include <Ravelo/SockAddrStorage.h>
 #include <Ravelo/SockDgram.h>
 #include <Ravelo/SockStream.h>
+#include <Ravelo/SslX509.h>
 #include <Ravelo/StrParser.h>
 #include <Ravelo/TsMemory.h>

@@ -1,0 +1,59 @@
+#include "ScarceOpenSsl.h"
+
+#include <gtest/gtest.h>
+#include <openssl/crypto.h>
+
+#include <cstdlib>
+#include <limits>
+
+namespace {
+
+constexpr int PLENTY = std::numeric_limits<int>::max();
+
+thread_local int t_left = PLENTY;
+thread_local bool t_failed = false;
+
+bool mayAllocate() {
+    if (t_left == PLENTY) return true;
+    if (t_left > 0) {
+        --t_left;
+        return true;
+    }
+    t_failed = true;
+    return false;
+}
+
+void* allocate(std::size_t size, const char*, int) {
+    return mayAllocate() ? std::malloc(size) : nullptr;
+}
+
+void* reallocate(void* block, std::size_t size, const char*, int) {
+    return mayAllocate() ? std::realloc(block, size) : nullptr;
+}
+
+void release(void* block, const char*, int) {
+    std::free(block);
+}
+
+// OpenSSL takes other functions only before its first allocation.
+const bool s_installed = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1;
+
+}  // namespace
+
+namespace Veltro::TestSupport {
+
+CScarceOpenSsl::CScarceOpenSsl(int allocations_left) {
+    EXPECT_TRUE(s_installed);
+    t_failed = false;
+    t_left = allocations_left;
+}
+
+CScarceOpenSsl::~CScarceOpenSsl() {
+    t_left = PLENTY;
+}
+
+bool CScarceOpenSsl::hasFailed() const {
+    return t_failed;
+}
+
+}  // namespace Veltro::TestSupport
