@@ -126,7 +126,7 @@ void CNTimer::close_events(CNTimerEvent* list) {
     while (list != nullptr) {
         CNTimerEvent* event = list;
         list = nextOf(event);
-        event->CNetHandler::Close();
+        event->end();
     }
 }
 

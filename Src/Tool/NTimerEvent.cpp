@@ -75,4 +75,15 @@ void CNTimerEvent::Close() {
     }
 }
 
+/// The clock's way to end an event that is on its list no more.
+void CNTimerEvent::end() {
+    {
+        // The clock calls an event without its lock, so Start() may still be on its way out when a first tick
+        // has led here already: it is waited for.
+        Plinth::CLockGuard guard(m_internal->mutex);
+        m_internal->m_state = TIMER_EVENT_CLOSED;
+    }
+    CNetHandler::Close();
+}
+
 }  // namespace Veltro::Ravelo

@@ -48,6 +48,7 @@ private:
     friend struct SNTimerEventRecord;
 
     int set_event_ready();
+    void end();
 
     SNTimerEventRecord* m_internal;
 };

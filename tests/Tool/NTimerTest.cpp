@@ -261,9 +261,14 @@ TEST(NTimer, AnEventThatIsHeldOutlivesItsClock) {
     event->Start();
     clock->Close();
     EXPECT_TRUE(waitUntil([] { return CNetTimer::armed() == 0; }));
-    event->Stop();
+    // Nothing of it is left to run or to be closed.
     event->Close();
     EXPECT_EQ(0, closed.load());
+    {
+        CLogCapture log;
+        event->Stop();
+        EXPECT_EQ(1, log.count(Plinth::LOG_LEVEL_ERROR, "Can't stop a timer event not in running state!\n"));
+    }
     event->DecRef();
     EXPECT_TRUE(waitUntil([&] { return closed.load() == 1; }));
 }
