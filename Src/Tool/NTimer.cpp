@@ -88,7 +88,8 @@ CNTimer* CNTimer::Create(std::int64_t period) {
     CNTimer* clock = nullptr;
     try {
         clock = new (std::nothrow) CNTimer(record.get());
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
+        // Only lack of memory leads here. If it were named, a DLL would export the type of that exception.
         return nullptr;
     }
     if (clock == nullptr) return nullptr;
