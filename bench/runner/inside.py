@@ -15,6 +15,7 @@ SCENARIOS = {
 }
 TIMER_LIBRARIES = ["ravelo", "libevent", "asio"]
 TIMER_BASE = "libevent"
+TICK_PERIOD_US = 10_000
 PARSER_BASE = "memchr"
 PARSERS = {"http": ["memchr", "ravelo", "httpparser"], "sdp": ["memchr", "ravelo"]}
 TEXTS = {"http": "HTTP request, 1 KiB", "sdp": "session description, 2 KiB"}
@@ -81,6 +82,22 @@ def _timer_line(runs, name, count):
                  table.ratio(_values(runs, name, key), _values(runs, TIMER_BASE, key))]
     cancelled = min(_values(runs, name, "cancelled"))
     return line + ["all" if cancelled == count else f"{cancelled:,} before the time was up"]
+
+
+def run_ticks(programs, options):
+    libraries = _built(programs, "ticks", TIMER_LIBRARIES, TIMER_BASE)
+    print("== ticks: how far they come from the grid, in us; early counts as late does\n")
+    if not libraries:
+        return
+    seconds = options.ticks * TICK_PERIOD_US / 1e6
+    runs = _rounds(libraries, options.rounds,
+                   lambda name: run_json([programs / f"ticks_{name}", options.ticks, TICK_PERIOD_US], BOTH,
+                                         seconds + 60))
+    lines = [[name, *(table.spread(_values(runs, name, key)) for key in ("median_us", "p99_us", "max_us")),
+              f"{min(_values(runs, name, 'earliest_us')):+,.0f} .. {max(_values(runs, name, 'latest_us')):+,.0f}"]
+             for name in libraries]
+    table.show([f"{options.ticks:,} ticks of {TICK_PERIOD_US // 1000} ms", "median (min .. max)", "p99", "greatest",
+                "earliest .. latest"], lines)
 
 
 def run_parsers(programs, options):
