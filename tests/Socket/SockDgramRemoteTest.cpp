@@ -8,6 +8,7 @@
 namespace Veltro::Ravelo {
 namespace {
 
+using TestSupport::CForeignAddr;
 using TestSupport::CLogCapture;
 using TestSupport::failureOf;
 using TestSupport::freeDatagramPort;
@@ -16,13 +17,6 @@ using TestSupport::receiveDatagram;
 using TestSupport::sendText;
 using TestSupport::SReceiver;
 using TestSupport::SReceiver6;
-
-class CForeignAddr : public CSockAddr {
-public:
-    sockaddr* GetAddr(sockaddr* addr) const override { return addr; }
-    int GetAddrLen() const override { return 16; }
-    bool IsValid() const override { return true; }
-};
 
 bool isConnected(CSockDgram& socket) {
     const CLogCapture unheard;

@@ -14,6 +14,14 @@
 
 namespace Veltro::TestSupport {
 
+/// An address of a class that the library does not know.
+class CForeignAddr : public Ravelo::CSockAddr {
+public:
+    sockaddr* GetAddr(sockaddr* addr) const override { return addr; }
+    int GetAddrLen() const override { return 16; }
+    bool IsValid() const override { return true; }
+};
+
 /// A socket on a port of 127.0.0.1; 0 is a free one.
 struct SReceiver {
     Ravelo::CSockDgram socket;
