@@ -54,9 +54,9 @@ int callOwner(CCurrentObject& current, SEvent& record) {
         return -1;
     }
     SockTrace::dispatchBegin(record, *owner);
-    current.set(owner);
+    current.set(*owner);
     const int result = has(record, TIMEOUTS) ? handleTimeout(*owner, record) : handleNet(*owner, record);
-    current.set(nullptr);
+    current.clear();
     owner->DecRef();
     return result;
 }

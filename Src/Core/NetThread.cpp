@@ -266,7 +266,7 @@ int CNetThread::SetSocketCapacity(unsigned int per_kind) {
 
 int CNetThread::EnableR3() {
     if (R3Control::start() == 0) return 0;
-    RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "R3ServerStart failed!!\n\n");
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_ERROR, "R3ServerStart failed!!\n\n");
     return -1;
 }
 
