@@ -27,14 +27,15 @@ struct SThreadModule {
 /// A copy of the table: lines are logged without its lock. Short of memory, it is cut.
 std::vector<SThreadModule> threadModules(unsigned long wanted_id) {
     std::vector<SThreadModule> found;
-    CCurrentObject::visit([&found, wanted_id](unsigned long thread_id, const CCurrentObject::SModule& module) {
-        if (wanted_id != 0 && wanted_id != thread_id) return;
-        try {
-            found.push_back({thread_id, module});
-        } catch (const std::bad_alloc&) {
-            // The others are still worth showing.
-        }
-    });
+    CCurrentObject::visit(
+        [&found, wanted_id](unsigned long thread_id, const CCurrentObject::SModule& module) {
+            if (wanted_id != 0 && wanted_id != thread_id) return;
+            try {
+                found.push_back({thread_id, module});
+            } catch (const std::bad_alloc&) {
+                // The others are still worth showing.
+            }
+        });
     return found;
 }
 

@@ -35,7 +35,8 @@ public:
     /// Logs the rule, at level 4.
     static void ShowSockDumpRule();
 
-    /// Logs every reactor thread with its name and the class of the handler whose callback it runs, at level 4.
+    /// Logs every reactor thread with its name and the class of the handler whose callback it runs, at
+    /// level 4.
     static void DumpThreadModALL();
     /// The same for one thread; 0 means all. The argument is the system's id of the thread.
     static void DumpThreadModInfo(int thread_id);

@@ -13,8 +13,8 @@ namespace Veltro::Ravelo {
 namespace {
 
 using TestSupport::CGate;
-using TestSupport::closeAndWait;
 using TestSupport::CLogCapture;
+using TestSupport::closeAndWait;
 using TestSupport::CPublicPool;
 using TestSupport::CRunner;
 using TestSupport::CTestHandler;
