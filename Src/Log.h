@@ -98,6 +98,19 @@ inline int logThreadId() {
 // The same in a member function.
 #define RAVELO_LOG_THIS(level, format, ...) RAVELO_LOG_OF(this, level, format __VA_OPT__(, ) __VA_ARGS__)
 
+// A line that stands as it is, without place and thread in front of it: what operators read.
+#define RAVELO_LOG_BARE(level, format, ...)                                               \
+    do {                                                                                  \
+        if (::Veltro::Plinth::isLogEnabled(level)) {                                      \
+            static constexpr auto ravelo_file = ::Veltro::Ravelo::sourceName(__FILE__);   \
+            static constexpr auto ravelo_function =                                       \
+                ::Veltro::Ravelo::qualifiedName(RAVELO_FUNCTION_DESCRIPTION);             \
+            ::Veltro::Plinth::logFilter(level, "Unknown", ravelo_file.text.data(),        \
+                                        ravelo_function.text.data(), __LINE__, "Unknown", \
+                                        format __VA_OPT__(, ) __VA_ARGS__);               \
+        }                                                                                 \
+    } while (false)
+
 #define RAVELO_ASSERT(expression)                                                       \
     do {                                                                                \
         if (!(expression)) {                                                            \

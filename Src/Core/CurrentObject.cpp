@@ -8,32 +8,34 @@
 namespace Veltro::Ravelo {
 
 namespace {
-struct SMap {
+struct STable {
     Plinth::CMutex mutex;
-    std::map<unsigned long, const std::atomic<CNetHandler*>*> slots PLINTH_GUARDED_BY(mutex);
+    std::map<unsigned long, const CCurrentObject*> sm_thread_modules PLINTH_GUARDED_BY(mutex);
 };
 
-SMap& currentObjects() {
-    static auto* instance = new SMap;  // never destroyed: threads may end late
+STable& table() {
+    static auto* instance = new STable;  // never destroyed: threads may end late
     return *instance;
 }
 }  // namespace
 
 CCurrentObject::CCurrentObject() : m_thread_id(Plinth::getCurrentThreadId()) {
-    Plinth::CLockGuard guard(currentObjects().mutex);
-    currentObjects().slots[m_thread_id] = &m_handler;
+    Plinth::CLockGuard guard(table().mutex);
+    table().sm_thread_modules[m_thread_id] = this;
 }
 
 CCurrentObject::~CCurrentObject() {
-    Plinth::CLockGuard guard(currentObjects().mutex);
-    currentObjects().slots.erase(m_thread_id);
+    Plinth::CLockGuard guard(table().mutex);
+    table().sm_thread_modules.erase(m_thread_id);
 }
 
 void CCurrentObject::visit(
-    const std::function<void(unsigned long thread_id, const CNetHandler* handler)>& visitor) {
-    Plinth::CLockGuard guard(currentObjects().mutex);
-    for (const auto& [thread_id, slot] : currentObjects().slots) {
-        visitor(thread_id, slot->load(std::memory_order_relaxed));
+    const std::function<void(unsigned long thread_id, const SModule& module)>& visitor) {
+    Plinth::CLockGuard guard(table().mutex);
+    for (const auto& [thread_id, current] : table().sm_thread_modules) {
+        const CNetHandler* handler = current->m_handler.load(std::memory_order_relaxed);
+        const std::type_info* type = current->m_type.load(std::memory_order_relaxed);
+        visitor(thread_id, {handler, handler != nullptr ? type : nullptr});
     }
 }
 

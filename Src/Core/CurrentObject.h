@@ -1,19 +1,27 @@
 #pragma once
 
-#include <Ravelo/Defs.h>
+#include <Ravelo/NetHandler.h>
 
 #include <atomic>
 #include <functional>
+#include <typeinfo>
 
 namespace Veltro::Ravelo {
 
-class CNetHandler;
-
-/// Which handler's callback each reactor thread is running, for the deadlock report and the dumps.
+/// Which handler's callback each reactor thread is running, for the deadlock report and the dumps: the table
+/// of thread modules.
 ///
-/// A thread enters the map once and then only writes its own slot, so that a callback costs two plain stores.
+/// A thread enters the table once and then only writes its own slots, so that a callback costs a few plain
+/// stores.
 class CCurrentObject {
 public:
+    /// What a thread runs at the moment of asking.
+    struct SModule {
+        const CNetHandler*
+            handler;  ///< null between callbacks; only fit for printing its address: it may be gone
+        const std::type_info* type;  ///< the handler's run-time class; null where the handler is
+    };
+
     /// Enters the calling thread, with no object.
     CCurrentObject();
     /// Takes it out again; same thread.
@@ -21,16 +29,22 @@ public:
     CCurrentObject(const CCurrentObject&) = delete;
     CCurrentObject& operator=(const CCurrentObject&) = delete;
 
-    /// Set just before a callback and, with null, cleared just after. Only by the thread that entered.
-    void set(CNetHandler* handler) { m_handler.store(handler, std::memory_order_relaxed); }
+    /// Set just before a callback. Only by the thread that entered.
+    void set(const CNetHandler& handler) {
+        m_type.store(&typeid(handler), std::memory_order_relaxed);
+        m_handler.store(&handler, std::memory_order_relaxed);
+    }
+    /// Cleared just after it.
+    void clear() { m_handler.store(nullptr, std::memory_order_relaxed); }
 
-    /// Calls the visitor for every entered thread, in the order of their ids. A handler is only fit for
-    /// printing its address: it may be gone. Any thread may call.
-    static void visit(
-        const std::function<void(unsigned long thread_id, const CNetHandler* handler)>& visitor);
+    /// Calls the visitor for every entered thread, in the order of their ids. Any thread may call.
+    static void visit(const std::function<void(unsigned long thread_id, const SModule& module)>& visitor);
 
 private:
-    std::atomic<CNetHandler*> m_handler{nullptr};
+    std::atomic<const CNetHandler*> m_handler{nullptr};
+    /// The class of the last handler: its information outlives the handler, which another thread may not
+    /// touch.
+    std::atomic<const std::type_info*> m_type{nullptr};
     unsigned long m_thread_id;
 };
 

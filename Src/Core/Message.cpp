@@ -99,10 +99,10 @@ void CMessage::dispatch(CThreadPool& pool, CCurrentObject& current, SEvent* reco
     if (isClose(*record)) {
         pool.unbind(record->receiver);
     } else {
-        current.set(handler);
+        current.set(*handler);
         handler->handle_message(static_cast<long>(record->sender), record->type,
                                 static_cast<long>(record->info));
-        current.set(nullptr);
+        current.clear();
     }
     R3Trace::messageEnd(*handler, record->type, record->info);
     handler->DecRef();

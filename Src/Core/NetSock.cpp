@@ -80,11 +80,12 @@ SEvent* insertRecord(CBTree& sockets, SNetHandlerRecord& owner, int fd, unsigned
     return nullptr;
 }
 
-void register_new_event(CThreadPool& pool, SEvent& record, int timeout_ms) PLINTH_REQUIRES(record.mutex) {
+void register_new_event(CThreadPool& pool, const CNetHandler& handler, SEvent& record, int timeout_ms)
+    PLINTH_REQUIRES(record.mutex) {
     if (timeout_ms > 0) CSockTimer::Add(record, timeout_ms);
     pool.multiplexer().add(record);
     record.owner.changeSockets(1);
-    SockTrace::registerNew(record);
+    SockTrace::registerNew(handler, record, timeout_ms);
 }
 
 /// The record of a descriptor, locked, with the table held for writing; null when it is not registered.
@@ -137,9 +138,9 @@ int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask,
     const std::int64_t owner_id = record->obj_id.load(relaxed);
     bool accepted = true;
     if (exists) {
-        accepted = modify_exist_event(*pool, *record, caller, mask, timeout_ms);
+        accepted = modify_exist_event(*pool, *record, handler, mask, timeout_ms);
     } else {
-        register_new_event(*pool, *record, timeout_ms);
+        register_new_event(*pool, handler, *record, timeout_ms);
     }
     record->mutex.unlock();
     if (accepted) return 0;
@@ -148,9 +149,10 @@ int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask,
 }
 
 /// Changes a registered socket, its record locked. Returns false when it is protected from the caller.
-bool CNetSock::modify_exist_event(CThreadPool& pool, SEvent& record, SNetHandlerRecord& caller, unsigned mask,
+bool CNetSock::modify_exist_event(CThreadPool& pool, SEvent& record, CNetHandler& handler, unsigned mask,
                                   int timeout_ms) {
-    SockTrace::modifyExisting(record);
+    SockTrace::modifyExisting(handler, record, mask, timeout_ms);
+    SNetHandlerRecord& caller = SNetHandlerRecord::of(handler);
     const bool condemned = (record.m_event_mask & EventMask::Delete) != 0;
     if (isProtectedFrom(record, caller.id()) && !condemned) return false;
     const bool in_flight = isInFlight(record);
@@ -224,31 +226,34 @@ int CNetSock::RemoveSock(CNetHandler& handler, CSock& sock) PLINTH_NO_THREAD_SAF
     }
     if (isInFlight(*record)) {
         sockets.leaveWrite();
-        condemn(*pool, *record);
+        const SockTrace::ERemoval removal = condemn(*pool, *record);
         record->mutex.unlock();
+        SockTrace::removeSock(handler, fd, removal);
         return 0;
     }
-    SockTrace::removeSock("", *record);
     record->owner.changeSockets(-1);
     pool->multiplexer().remove(*record);
     sockets.eraseLocked(record->key);
     sockets.leaveWrite();
+    SockTrace::removeSock(handler, fd, SockTrace::ERemoval::AtOnce);
     freeErased(*record);
     return 0;
 }
 
 /// Leaves the freeing of a record in flight to the worker that holds it. The socket is disarmed at once: the
 /// application may close it before the dispatch ends.
-void CNetSock::condemn(CThreadPool& pool, SEvent& record) {
-    SockTrace::removeSock(" &1", record);
-    if (!(record.m_event_mask & EventMask::Delete)) record.owner.changeSockets(-1);
+SockTrace::ERemoval CNetSock::condemn(CThreadPool& pool, SEvent& record) {
+    const bool condemned = (record.m_event_mask & EventMask::Delete) != 0;
+    if (!condemned) record.owner.changeSockets(-1);
     record.m_revents.store(VL_POLLDEL, relaxed);
     record.m_event_mask = EventMask::Delete;
     pool.multiplexer().remove(record);
+    return condemned ? SockTrace::ERemoval::DeferredBefore : SockTrace::ERemoval::Deferred;
 }
 
 /// Frees a record that is out of the table and locked.
 void CNetSock::freeErased(SEvent& record) PLINTH_NO_THREAD_SAFETY_ANALYSIS {
+    SockTrace::freeSock(record);
     if (CSockTimer::isInList(record)) CSockTimer::Delete(record);
     record.mutex.unlock();
     CEventPool::put(&record);

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "Core/Event.h"
+#include "Core/SockTrace.h"
 
 namespace Veltro::Ravelo {
 
@@ -35,9 +36,9 @@ public:
 
 private:
     static void reset_timer(SEvent& record, std::int64_t t);
-    static bool modify_exist_event(CThreadPool& pool, SEvent& record, SNetHandlerRecord& caller,
-                                   unsigned mask, int timeout_ms) PLINTH_REQUIRES(record.mutex);
-    static void condemn(CThreadPool& pool, SEvent& record) PLINTH_REQUIRES(record.mutex);
+    static bool modify_exist_event(CThreadPool& pool, SEvent& record, CNetHandler& handler, unsigned mask,
+                                   int timeout_ms) PLINTH_REQUIRES(record.mutex);
+    static SockTrace::ERemoval condemn(CThreadPool& pool, SEvent& record) PLINTH_REQUIRES(record.mutex);
     static void freeErased(SEvent& record);
     static bool rearm(CThreadPool& pool, SEvent& record, int result);
     static bool freeCondemned(CThreadPool& pool, SEvent& record);

@@ -47,16 +47,17 @@ CNetHandler* takeOwner(SEvent& record) {
     return record.owner.takeHandler();
 }
 
-int callOwner(CCurrentObject& current, SEvent& record) {
+int callOwner(CCurrentObject& current, SEvent& record, SockTrace::EDispatch dispatch) {
     CNetHandler* owner = takeOwner(record);
     if (owner == nullptr) {
-        SockTrace::ownerNotFound(record);
+        SockTrace::ownerNotFound(record, dispatch);
         return -1;
     }
-    SockTrace::dispatchBegin(record, *owner);
-    current.set(owner);
-    const int result = has(record, TIMEOUTS) ? handleTimeout(*owner, record) : handleNet(*owner, record);
-    current.set(nullptr);
+    SockTrace::dispatchBegin(record, *owner, dispatch);
+    current.set(*owner);
+    const bool timed_out = dispatch == SockTrace::EDispatch::Timeout;
+    const int result = timed_out ? handleTimeout(*owner, record) : handleNet(*owner, record);
+    current.clear();
     owner->DecRef();
     return result;
 }
@@ -71,8 +72,9 @@ std::int64_t nextTimeout(const SEvent& record, int result) {
 
 void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEvent& record) {
     CReadWatch::begin(static_cast<int>(record.key));
-    const int result = callOwner(current, record);
-    SockTrace::dispatchEnd(record, result);
+    const auto dispatch = has(record, TIMEOUTS) ? SockTrace::EDispatch::Timeout : SockTrace::EDispatch::Net;
+    const int result = callOwner(current, record, dispatch);
+    SockTrace::dispatchEnd(record, dispatch, result);
     while (!rearm(pool, record, result)) {
         if (freeCondemned(pool, record)) return;
     }
@@ -94,8 +96,8 @@ bool CNetSock::rearm(CThreadPool& pool, SEvent& record, int result) {
         record.m_revents.store(is_again ? VL_POLLIN : VL_NOPOLL, relaxed);
         if (!is_again) pool.multiplexer().rearm(record, left == CReadWatch::ELeft::Nothing);
         const std::int64_t next_ms = nextTimeout(record, taken_back ? 0 : result);
-        // Nothing to do for the many sockets that have no time-out.
-        if (next_ms > 0 || CSockTimer::isInList(record)) reset_timer(record, next_ms);
+        // Nothing to do for the many sockets that have no time-out, unless the trace wants to know.
+        if (next_ms > 0 || CSockTimer::isInList(record) || SockTrace::isOn()) reset_timer(record, next_ms);
     }
     if (is_again) pool.post(&record);
     return true;

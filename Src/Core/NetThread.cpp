@@ -1,4 +1,5 @@
 #include <Ravelo/NetThread.h>
+#include <Ravelo/R3Server.h>
 #include <Ravelo/TsMemory.h>
 
 #include <new>
@@ -11,7 +12,6 @@
 #include "Core/SockTimer.h"
 #include "Debug/SockDump.h"
 #include "Log.h"
-#include "R3/R3Control.h"
 #include "Socket/SocketApi.h"
 #include "Socket/SslSetup.h"
 #include "Tool/FileThreads.h"
@@ -20,6 +20,9 @@
 namespace Veltro::Ravelo {
 
 namespace {
+
+/// Where the remote command server would listen, if there were one.
+constexpr unsigned short R3_PORT = 0;
 
 /// What a worker that may not wait for the creation mutex gets.
 int refuseStopping() {
@@ -265,13 +268,13 @@ int CNetThread::SetSocketCapacity(unsigned int per_kind) {
 }
 
 int CNetThread::EnableR3() {
-    if (R3Control::start() == 0) return 0;
-    RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "R3ServerStart failed!!\n\n");
+    if (R3ServerStart(R3_PORT, "", false) == 0) return 0;
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_ERROR, "R3ServerStart failed!!\n\n");
     return -1;
 }
 
 int CNetThread::DisableR3() {
-    return R3Control::stop();
+    return R3ServerExit();
 }
 
 int CNetThread::TraversalSock() {

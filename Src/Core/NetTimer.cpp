@@ -208,9 +208,9 @@ void CNetTimer::dispatch(CThreadPool& pool, CCurrentObject& current, STimer* tim
         return;
     }
     R3Trace::timerBegin(*handler);
-    current.set(handler);
+    current.set(*handler);
     const std::int64_t result = handler->handle_timeout(static_cast<long>(timer->key));
-    current.set(nullptr);
+    current.clear();
     R3Trace::timerEnd(*handler);
     handler->DecRef();
     if (result > 0) timer->period_us = result;

@@ -99,7 +99,7 @@ void CSockTimer::Add(SEvent& record, std::int32_t t) {
         s_state.head = &record.timer;
         record.timer.linked = true;
     }
-    SockTrace::timer("Add", record);
+    SockTrace::timer("Add", record, &s_state);
 }
 
 void CSockTimer::Delete(SEvent& record) {
@@ -108,13 +108,13 @@ void CSockTimer::Delete(SEvent& record) {
         unlink(record.timer);
     }
     clear(record.timer);
-    SockTrace::timer("Delete", record);
+    SockTrace::timer("Delete", record, &s_state);
 }
 
 void CSockTimer::Reset(SEvent& record, std::int32_t t) {
     record.timer.m_set_time = t;
     record.timer.m_time_out = expiryOf(t);
-    SockTrace::timer("Reset", record);
+    SockTrace::timer("Reset", record, &s_state);
 }
 
 void CSockTimer::scan() {

@@ -13,7 +13,8 @@
 #include "Core/NetSock.h"
 #include "Core/NetTimer.h"
 #include "Core/PoolTable.h"
-#include "Debug/Debug.h"
+#include "Debug/ConsoleAttempts.h"
+#include "Debug/DebugControl.h"
 #include "Log.h"
 
 namespace Veltro::Ravelo {
@@ -241,10 +242,10 @@ void CThreadPool::DaemonThreadProc(Plinth::CThreadLite& self) {
         if (loops != seen_loops) self.setWatchdog(times.watchdog_ms);
         seen_loops = loops;
         if (SEvent* heartbeat = CEventPool::get(EVENT_KEY_HEARTBEAT)) m_queue.push(heartbeat);
-        Debug::registerConsoleOnce();
+        registerConsoleOnce();
         if (self.isWatchdogExpired()) {
             RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "All Ravelo Thread deadlock !!!!!!\n");
-            Debug::dumpThreads();
+            CDebugControl::reportThreads();
         }
         if (!m_semaphore.pend(times.pause_us)) m_semaphore.pend(times.wait_us);
     }

@@ -4,18 +4,11 @@
 
 #include <cstdio>
 #include <cstring>
-#include <span>
 
 namespace Veltro::Ravelo {
 
 namespace {
 
-struct SFlagName {
-    unsigned value;
-    const char* name;
-};
-
-// The first of each stands for no bit at all.
 constexpr SFlagName MASK_NAMES[] = {{EventMask::None, "None"},       {EventMask::Read, "Read"},
                                     {EventMask::Write, "Write"},     {EventMask::Except, "Except"},
                                     {EventMask::Timeout, "Timeout"}, {EventMask::Dealing, "Dealing"},
@@ -49,6 +42,14 @@ char* flagsToString(std::span<const SFlagName> names, unsigned flags, int size, 
 }
 
 }  // namespace
+
+std::span<const SFlagName> maskNames() {
+    return MASK_NAMES;
+}
+
+std::span<const SFlagName> reventsNames() {
+    return REVENT_NAMES;
+}
 
 char* MaskToString(unsigned mask, int size, char* buf) {
     return flagsToString(MASK_NAMES, mask, size, buf);

@@ -55,18 +55,18 @@ void logBlock(const SSnapshot& shot) {
     char mask[128];
     char revents[128];
     const std::string type = shot.owner != nullptr ? SNetHandlerRecord::className(shot.owner) : "NULL";
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "------------ Dump Sock fd[%d][%s] SEvent ------------\n", shot.fd,
-               type.c_str());
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- obj: %p\n", static_cast<const void*>(shot.owner));
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- obj_id: %jd\n", static_cast<std::intmax_t>(shot.owner_id));
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- obj_type: %s\n", type.c_str());
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- m_revents: %s\n",
-               ReventsToString(shot.revents, sizeof revents, revents));
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- m_event_mask: %s\n",
-               MaskToString(shot.mask, sizeof mask, mask));
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- timer.m_set_time: %d\n", shot.set_time_ms);
-    RAVELO_LOG(Plinth::LOG_LEVEL_TRACE, "---- timer.m_time_out: %jd\n",
-               static_cast<std::intmax_t>(shot.time_out_ms));
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_TRACE, "------------ Dump Sock fd[%d][%s] SEvent ------------\n",
+                    shot.fd, type.c_str());
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_TRACE, "---- obj: %p\n", static_cast<const void*>(shot.owner));
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_TRACE, "---- obj_id: %jd\n", static_cast<std::intmax_t>(shot.owner_id));
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_TRACE, "---- obj_type: %s\n", type.c_str());
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_TRACE, "---- m_revents: %s\n",
+                    ReventsToString(shot.revents, sizeof revents, revents));
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_TRACE, "---- m_event_mask: %s\n",
+                    MaskToString(shot.mask, sizeof mask, mask));
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_TRACE, "---- timer.m_set_time: %d\n", shot.set_time_ms);
+    RAVELO_LOG_BARE(Plinth::LOG_LEVEL_TRACE, "---- timer.m_time_out: %jd\n",
+                    static_cast<std::intmax_t>(shot.time_out_ms));
 }
 
 /// Logs a block for each record that the filter lets through.

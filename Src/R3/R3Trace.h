@@ -1,7 +1,8 @@
-// Where the remote command server can trace what handlers do. There is no server in this build, so nobody
-// listens.
+// What handlers and tools do, told to the operator of the remote command server. While a switch is off, a
+// site costs one relaxed load. Nothing in the library switches them on, since the server is switched off.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace Veltro::Ravelo {
@@ -10,9 +11,35 @@ class CNetHandler;
 
 namespace Veltro::Ravelo::R3Trace {
 
-inline void messageBegin(const CNetHandler&, std::uint32_t /*type*/, std::int64_t /*info*/) {}
-inline void messageEnd(const CNetHandler&, std::uint32_t /*type*/, std::int64_t /*info*/) {}
-inline void timerBegin(const CNetHandler&) {}
-inline void timerEnd(const CNetHandler&) {}
+/// The process-wide switches.
+extern std::atomic<bool> sm_events;  ///< messages and timers of handlers
+extern std::atomic<bool> sm_tools;   ///< senders and media buffers
+
+inline bool isOn(const std::atomic<bool>& which) {
+    return which.load(std::memory_order_relaxed);
+}
+
+/// The lines themselves, behind the test of the switch. @param when "begin" or "end".
+namespace Line {
+void message(const char* when, const CNetHandler& handler, std::uint32_t type, std::int64_t info);
+void timer(const char* when, const CNetHandler& handler);
+}  // namespace Line
+
+inline void messageBegin(const CNetHandler& handler, std::uint32_t type, std::int64_t info) {
+    if (isOn(sm_events)) [[unlikely]]
+        Line::message("begin", handler, type, info);
+}
+inline void messageEnd(const CNetHandler& handler, std::uint32_t type, std::int64_t info) {
+    if (isOn(sm_events)) [[unlikely]]
+        Line::message("end", handler, type, info);
+}
+inline void timerBegin(const CNetHandler& handler) {
+    if (isOn(sm_events)) [[unlikely]]
+        Line::timer("begin", handler);
+}
+inline void timerEnd(const CNetHandler& handler) {
+    if (isOn(sm_events)) [[unlikely]]
+        Line::timer("end", handler);
+}
 
 }  // namespace Veltro::Ravelo::R3Trace

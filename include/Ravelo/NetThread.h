@@ -43,7 +43,7 @@ public:
 
     /// Starts the remote command server; it is switched off in this build: -1.
     static int EnableR3();
-    /// Stops the remote command server. 0.
+    /// Stops the remote command server and forgets its registered functions, as R3ServerExit(). 0.
     static int DisableR3();
 
     /// Logs every registered socket whose owner is alive (level 4). @return how many were logged.

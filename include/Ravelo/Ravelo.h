@@ -5,6 +5,7 @@
 #include <Ravelo/NTimer.h>
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/NetThread.h>
+#include <Ravelo/R3Server.h>
 #include <Ravelo/SessionCache.h>
 #include <Ravelo/SimulatorStream.h>
 #include <Ravelo/Sock.h>

@@ -22,10 +22,11 @@ using TestSupport::SStreamPair;
 std::map<unsigned long, const CNetHandler*> currentObjects() {
     std::map<unsigned long, const CNetHandler*> seen;
     unsigned long last = 0;
-    CCurrentObject::visit([&](unsigned long thread_id, const CNetHandler* handler) {
+    CCurrentObject::visit([&](unsigned long thread_id, const CCurrentObject::SModule& module) {
         EXPECT_GT(thread_id, last);
+        EXPECT_EQ(module.type != nullptr, module.handler != nullptr);
         last = thread_id;
-        seen[thread_id] = handler;
+        seen[thread_id] = module.handler;
     });
     return seen;
 }
@@ -40,13 +41,22 @@ TEST(CurrentObject, EntersItsThreadWithNoObjectAndTakesItOut) {
     EXPECT_EQ(currentObjects().count(self), 0U);
 }
 
-TEST(CurrentObject, ShowsTheObjectBetweenSetAndClear) {
-    CCurrentObject current;
-    auto* handler = reinterpret_cast<CNetHandler*>(&current);  // only its address is shown
-    current.set(handler);
-    EXPECT_EQ(currentObjects()[Plinth::getCurrentThreadId()], handler);
-    current.set(nullptr);
-    EXPECT_EQ(currentObjects()[Plinth::getCurrentThreadId()], nullptr);
+TEST(CurrentObject, ShowsTheObjectAndItsClassBetweenSetAndClear) {
+    const CPublicPool pool;
+    auto* handler = new CTestHandler;
+    {
+        CCurrentObject current;
+        current.set(*handler);
+        EXPECT_EQ(currentObjects()[Plinth::getCurrentThreadId()], handler);
+        const std::type_info* type = nullptr;
+        CCurrentObject::visit([&type](unsigned long thread_id, const CCurrentObject::SModule& module) {
+            if (thread_id == Plinth::getCurrentThreadId()) type = module.type;
+        });
+        EXPECT_EQ(type, &typeid(CTestHandler));
+        current.clear();
+        EXPECT_EQ(currentObjects()[Plinth::getCurrentThreadId()], nullptr);
+    }
+    closeAndWait(handler);
 }
 
 TEST(CurrentObject, VisitsThreadsInTheOrderOfTheirIds) {

@@ -236,7 +236,7 @@ TEST(NetThread, SocketCapacityOfZeroIsRefused) {
 TEST(NetThread, TheRemoteServerIsSwitchedOff) {
     CLogCapture log;
     EXPECT_EQ(CNetThread::EnableR3(), -1);
-    EXPECT_EQ(log.count(ERROR_LEVEL, ", R3ServerStart failed!!\n\n"), 1);
+    EXPECT_EQ(log.count(ERROR_LEVEL, "R3ServerStart failed!!\n\n"), 1);
     EXPECT_EQ(CNetThread::DisableR3(), 0);
 }
 

@@ -103,7 +103,7 @@ TEST(ThreadPool, EveryWorkerEntersTheCurrentObjectMap) {
     const unsigned workers = CPoolTable::peek(0)->threadCount();
     EXPECT_TRUE(waitUntil([workers] {
         unsigned entered = 0;
-        CCurrentObject::visit([&entered](unsigned long, const CNetHandler*) { ++entered; });
+        CCurrentObject::visit([&entered](unsigned long, const CCurrentObject::SModule&) { ++entered; });
         return entered == workers;
     }));
 }
@@ -160,9 +160,7 @@ TEST(ThreadPool, WorkersThatAllStayInCallbacksAreReportedWithTheirObjects) {
     EXPECT_TRUE(waitUntil([&] { return inside.load() == workers; }));
     EXPECT_TRUE(
         waitUntil([&log] { return log.count(ERROR_LEVEL, ", All Ravelo Thread deadlock !!!!!!\n") >= 1; }));
-    char shown[96];
-    std::snprintf(shown, sizeof shown, "name[Ravelo0], object:%p\n",
-                  static_cast<const void*>(static_cast<CNetHandler*>(handler)));
+    const char* const shown = "], name[Ravelo0], module[Veltro::TestSupport::CTestHandler]\n";
     EXPECT_TRUE(waitUntil([&] { return log.count(ERROR_LEVEL, shown) >= static_cast<int>(workers); }));
     leave.open();
     closeAndWait(handler);

@@ -50,7 +50,7 @@ protected:
         return fds;
     }
     static std::string header(int fd, const char* type = TYPE) {
-        return ", ------------ Dump Sock fd[" + std::to_string(fd) + "][" + type + "] SEvent ------------\n";
+        return "------------ Dump Sock fd[" + std::to_string(fd) + "][" + type + "] SEvent ------------\n";
     }
     static std::string traversalLine(int fd, const CNetHandler* owner) {
         return ", CThreadPool::Traversal, sock fd: " + std::to_string(fd) + ", owner: " + pointerText(owner) +
@@ -151,13 +151,13 @@ TEST_F(SockDump, OneSocketGivesOneBlock) {
     CLogCapture log;
     CNetThread::DumpSockEvent(fd);
     EXPECT_EQ(log.count(TRACE, header(fd)), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- obj: " + pointerText(handler) + "\n"), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- obj_id: " + std::to_string(handler->GetID()) + "\n"), 1);
-    EXPECT_EQ(log.count(TRACE, std::string(", ---- obj_type: ") + TYPE + "\n"), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- m_revents: 0|VL_NOPOLL|\n"), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- m_event_mask: 1|Read|\n"), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- timer.m_set_time: 0\n"), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- timer.m_time_out: 0\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- obj: " + pointerText(handler) + "\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- obj_id: " + std::to_string(handler->GetID()) + "\n"), 1);
+    EXPECT_EQ(log.count(TRACE, std::string("---- obj_type: ") + TYPE + "\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- m_revents: 0|VL_NOPOLL|\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- m_event_mask: 1|Read|\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- timer.m_set_time: 0\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- timer.m_time_out: 0\n"), 1);
     EXPECT_EQ(log.lines().size(), 8U);
 }
 
@@ -166,9 +166,9 @@ TEST_F(SockDump, ShowsTheTimeOut) {
     ASSERT_EQ(handler->RegisterSock(pair.near_end, EventMask::Read | EventMask::Protect, 30'000'000), 0);
     CLogCapture log;
     CNetThread::DumpSockEvent(pair.near_end.GetHandle());
-    EXPECT_EQ(log.count(TRACE, ", ---- m_event_mask: 2049|Read|Protect|\n"), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- timer.m_set_time: 30000\n"), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- timer.m_time_out: 0\n"), 0);
+    EXPECT_EQ(log.count(TRACE, "---- m_event_mask: 2049|Read|Protect|\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- timer.m_set_time: 30000\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- timer.m_time_out: 0\n"), 0);
     handler->RemoveSock(pair.near_end);
 }
 
@@ -235,7 +235,7 @@ TEST_F(SockDump, ASocketWhoseOwnerHasGoneShowsNoObject) {
     CLogCapture log;
     CNetThread::DumpSockEvent(pair.near_end.GetHandle());
     EXPECT_EQ(log.count(TRACE, header(pair.near_end.GetHandle(), "NULL")), 1);
-    EXPECT_EQ(log.count(TRACE, ", ---- obj_type: NULL\n"), 1);
+    EXPECT_EQ(log.count(TRACE, "---- obj_type: NULL\n"), 1);
     handler->RemoveSock(pair.near_end);
 }
 

@@ -45,7 +45,8 @@ public:
     std::vector<SLine> lines() const {
         std::vector<SLine> others = allLines();
         std::erase_if(others, [](const SLine& line) {
-            return line.text.find("InitConsoleDebug") != std::string::npos;
+            return line.text.find("InitConsoleDebug") != std::string::npos ||
+                   line.text.find("IConsole c") != std::string::npos;
         });
         return others;
     }
