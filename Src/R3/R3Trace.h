@@ -14,5 +14,7 @@ inline void messageBegin(const CNetHandler&, std::uint32_t /*type*/, std::int64_
 inline void messageEnd(const CNetHandler&, std::uint32_t /*type*/, std::int64_t /*info*/) {}
 inline void timerBegin(const CNetHandler&) {}
 inline void timerEnd(const CNetHandler&) {}
+inline void receiverBegin(const CNetHandler&) {}
+inline void receiverEnd(const CNetHandler&) {}
 
 }  // namespace Veltro::Ravelo::R3Trace
