@@ -76,6 +76,7 @@ int startSocketLayer() {
 
 /// Undoes what a failed first initialisation has started.
 int undoServices() {
+    RecvThreads::stop();
     CNetTimer::stop();
     CSockTimer::stop();
     SocketApi::cleanup();
@@ -93,9 +94,11 @@ int initialise(SNetThreadState& state, unsigned thread_num) PLINTH_REQUIRES(stat
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "CNetThread::check_on_init, CNetTimer init failed!\n");
         return undoServices();
     }
-    RecvThreads::start(state.processors, state.recv_settings.priority, state.recv_settings.policy,
-                       state.recv_settings.param);
-    if (!createPool(state, 0, thread_num)) return undoServices();
+    const SThreadSettings& settings = state.recv_settings;
+    if (RecvThreads::start(state.processors, settings.priority, settings.policy, settings.param) != 0 ||
+        !createPool(state, 0, thread_num)) {
+        return undoServices();
+    }
     state.pool_count = 1;
     ++state.sm_pub_pool_ref;
     SslSetup::start();
@@ -117,9 +120,10 @@ int storeSettings(const char* function, SThreadSettings SNetThreadState::*place,
     return 0;
 }
 
+/// Whether the end of a pool waits for the calling thread; that of the public pool also for pacing threads.
 bool isCurrent(int number) {
     const CThreadPool* own = CPoolTable::current();
-    return own != nullptr && own->number() == number;
+    return own != nullptr ? own->number() == number : number == 0 && RecvThreads::isCurrent();
 }
 
 /// Whether the library goes down with the public pool: nobody uses it and no private pool is left.
@@ -140,6 +144,7 @@ int refuseMissing(int number) {
 
 /// Ends everything, in the reverse order of the start.
 void shutDown(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
+    state.ending.store(true);
     RecvThreads::stop();
     CNetTimer::stop();
     CSockTimer::stop();
@@ -151,6 +156,7 @@ void shutDown(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
     CEventPool::destroy();
     SocketApi::cleanup();
     state.pool_count = -1;
+    state.ending.store(false);
 }
 
 /// Brings the library up at the first use. Returns the users of the public pool, or -1.

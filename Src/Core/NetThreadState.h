@@ -2,6 +2,8 @@
 
 #include <Plinth/Mutex.h>
 
+#include <atomic>
+
 #include "Core/Select.h"
 #include "Core/ThreadPool.h"
 
@@ -17,12 +19,14 @@ struct SNetThreadState {
     bool file_threads PLINTH_GUARDED_BY(mutex) = false;
     SThreadSettings worker_settings PLINTH_GUARDED_BY(mutex);  ///< for the next pool only
     SThreadSettings recv_settings PLINTH_GUARDED_BY(mutex);
+    /// The library is being ended, by a thread that holds the mutex and waits for callbacks.
+    std::atomic<bool> ending{false};
 
     static SNetThreadState& get();
 };
 
-/// Holds the creation mutex. A worker whose pool is being destroyed does not get it: its destroyer holds the
-/// mutex and waits for the worker.
+/// Holds the creation mutex. A worker whose pool is being destroyed does not get it, nor does a pacing thread
+/// at the library's end: the destroyer holds the mutex and waits for the thread.
 class PLINTH_SCOPED_CAPABILITY CCreationGuard {
 public:
     explicit CCreationGuard(SNetThreadState& state) PLINTH_ACQUIRE(state.mutex);

@@ -12,8 +12,9 @@ class CNetHandler;
 namespace Veltro::Ravelo::R3Trace {
 
 /// The process-wide switches.
-extern std::atomic<bool> sm_events;  ///< messages and timers of handlers
-extern std::atomic<bool> sm_tools;   ///< senders and media buffers
+extern std::atomic<bool> sm_events;     ///< messages and timers of handlers
+extern std::atomic<bool> sm_tools;      ///< senders and media buffers
+extern std::atomic<bool> sm_receivers;  ///< media stream receivers
 
 inline bool isOn(const std::atomic<bool>& which) {
     return which.load(std::memory_order_relaxed);
@@ -23,6 +24,7 @@ inline bool isOn(const std::atomic<bool>& which) {
 namespace Line {
 void message(const char* when, const CNetHandler& handler, std::uint32_t type, std::int64_t info);
 void timer(const char* when, const CNetHandler& handler);
+void receiver(const char* when, const CNetHandler& handler);
 }  // namespace Line
 
 inline void messageBegin(const CNetHandler& handler, std::uint32_t type, std::int64_t info) {
@@ -40,6 +42,14 @@ inline void timerBegin(const CNetHandler& handler) {
 inline void timerEnd(const CNetHandler& handler) {
     if (isOn(sm_events)) [[unlikely]]
         Line::timer("end", handler);
+}
+inline void receiverBegin(const CNetHandler& handler) {
+    if (isOn(sm_receivers)) [[unlikely]]
+        Line::receiver("begin", handler);
+}
+inline void receiverEnd(const CNetHandler& handler) {
+    if (isOn(sm_receivers)) [[unlikely]]
+        Line::receiver("end", handler);
 }
 
 }  // namespace Veltro::Ravelo::R3Trace

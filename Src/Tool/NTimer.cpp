@@ -1,26 +1,18 @@
-#include <Plinth/Time.h>
 #include <Ravelo/NTimer.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <limits>
 #include <memory>
 #include <new>
 
 #include "Log.h"
-#include "Tool/NTimerClock.h"
 #include "Tool/NTimerRecord.h"
+#include "Tool/ToolClock.h"
 
 namespace Veltro::Ravelo {
 
 namespace {
-
-std::atomic<std::uint64_t (*)()> s_clock{&Plinth::CTime::getCurrentMicroSecond};
-
-std::uint64_t nowUs() {
-    return s_clock.load(std::memory_order_relaxed)();
-}
 
 std::uint32_t stateOf(const CNTimerEvent* event) {
     return SNTimerEventRecord::of(*event).m_state;
@@ -31,10 +23,6 @@ CNTimerEvent*& nextOf(const CNTimerEvent* event) {
 }
 
 }  // namespace
-
-void setNTimerClock(std::uint64_t (*clock)()) {
-    s_clock = clock != nullptr ? clock : &Plinth::CTime::getCurrentMicroSecond;
-}
 
 std::int64_t SNTimerRecord::nextDelay(std::uint64_t now_us) {
     // Unsigned, so that a period beyond all reason wraps around and is not undefined.
@@ -83,7 +71,7 @@ CNTimerEvent* SNTimerRecord::walk(bool is_tick) {
 }
 
 CNTimer* CNTimer::Create(std::int64_t period) {
-    std::unique_ptr<SNTimerRecord> record(new (std::nothrow) SNTimerRecord(nowUs(), period));
+    std::unique_ptr<SNTimerRecord> record(new (std::nothrow) SNTimerRecord(toolNowUs(), period));
     if (!record) return nullptr;
     CNTimer* clock = nullptr;
     try {
@@ -153,7 +141,7 @@ std::int64_t CNTimer::handle_timeout(long timer_id) {
         closed = m_internal->walk(is_tick);
     }
     close_events(closed);
-    return is_tick ? m_internal->nextDelay(nowUs()) : 0;
+    return is_tick ? m_internal->nextDelay(toolNowUs()) : 0;
 }
 
 int CNTimer::handle_close(CNetHandler*) {

@@ -66,4 +66,10 @@ enum : unsigned {
     SOCK_TYPE_UNKNOWN = 7
 };
 
+/// Types of the messages that a tool sends to its owner.
+enum : unsigned {
+    NOTIFY_STREAM_EXCEPTION = 2,  ///< a callback of the stream failed
+    NOTIFY_RECEIVER_CLOSED = 5    ///< the receiver has been closed
+};
+
 }  // namespace Veltro::Ravelo

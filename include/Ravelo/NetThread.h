@@ -33,9 +33,12 @@ public:
     /// @param policy 0 shares the processors, 1 real time (needs privileges).
     /// @param param stack size in bytes; 0 the platform's default.
     static int SetThreadPriority(int priority, int policy, int param);
-    /// Settings of the media receive threads, started with the first pool. @param policy 0 or 1.
+    /// Settings of the pacing threads of CMediaStreamReceiver, kept until changed; those of a library that
+    /// runs already stay. @param policy 0 or 1. The others as of SetThreadPriority(), but unchecked.
     static int SetRecvThreadPriority(int priority, int policy, int param);
-    /// Sets the pace of the media receive threads by level, 0 to 3.
+    /// Sets how often the pacing threads that do not write tick: every 10, 20, 25 or 30 ms for the levels 0
+    /// to 3, and every 20 ms at the start and for any other level. A thread that paces receivers already goes
+    /// on as before.
     static void SetRcvPriority(int level);
     /// Sockets that pools created from now on can wait for, per kind of interest; 4096 at the start. On
     /// Windows 4096 is also the most. @return 0, or -1 for 0 or, on Windows, for more.

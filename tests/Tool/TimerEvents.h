@@ -4,7 +4,7 @@
 #include <Ravelo/NTimer.h>
 
 #include "Support/Reactor.h"
-#include "Tool/NTimerClock.h"
+#include "Tool/ToolClock.h"
 
 namespace Veltro::TestSupport {
 
@@ -89,9 +89,9 @@ class CStandingTime {
 public:
     CStandingTime() {
         s_now_us = 1'000'000'000;
-        Ravelo::setNTimerClock([] { return s_now_us.load(); });
+        Ravelo::setToolClock({[] { return s_now_us.load(); }, nullptr});
     }
-    ~CStandingTime() { Ravelo::setNTimerClock(nullptr); }
+    ~CStandingTime() { Ravelo::setToolClock({}); }
     CStandingTime(const CStandingTime&) = delete;
     CStandingTime& operator=(const CStandingTime&) = delete;
     void move(std::int64_t by_us) { s_now_us += static_cast<std::uint64_t>(by_us); }
