@@ -15,6 +15,9 @@
 #include <Ravelo/SockAddrStorage.h>
 #include <Ravelo/SockDgram.h>
 #include <Ravelo/SockStream.h>
+#include <Ravelo/SslAcceptor.h>
+#include <Ravelo/SslOption.h>
+#include <Ravelo/SslStream.h>
 #include <Ravelo/SslX509.h>
 #include <Ravelo/StrParser.h>
 #include <Ravelo/TsMemory.h>
