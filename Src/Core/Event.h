@@ -63,11 +63,10 @@ struct alignas(64) SEvent : SQueueRecord {
 
     Plinth::CMutex mutex;  ///< guards a socket record's fields; unused by the other kinds
 
-    // Sockets. The two atomics are written under the mutex and read without it by the dispatch in progress.
-    std::atomic<std::int64_t> obj_id{0};      ///< the owner
+    // Sockets. The two atomics m_revents and obj_id are written under the mutex and read without it by the
+    // dispatch in progress. What every event uses comes first, in the second line of the processor's cache.
     std::atomic<std::uint32_t> m_revents{0};  ///< 16 bits; 0 while idle, else what is being dispatched
     std::uint32_t m_event_mask = 0;
-    SSockTimeout timer;
     CHandlerShare owner;      ///< whom obj_id names
     std::uint32_t armed = 0;  ///< the multiplexer's own bits: what it waits for at present
     /// The multiplexer's own: changes with every arming and removal and is never set back, so that what was
@@ -75,6 +74,8 @@ struct alignas(64) SEvent : SQueueRecord {
     std::atomic<std::uint32_t> generation{0};
     std::uint32_t drained_in_a_row = 0;  ///< the multiplexer's own: dispatches that left nothing to read
     std::uint32_t armed_during = 0;  ///< the multiplexer's own: during which of its waits it was armed last
+    SSockTimeout timer;
+    std::atomic<std::int64_t> obj_id{0};  ///< the owner
 };
 
 }  // namespace Veltro::Ravelo

@@ -8,7 +8,7 @@
 #include "Core/SockTimer.h"
 #include "Core/SockTrace.h"
 #include "Core/ThreadPool.h"
-#include "Socket/SocketApi.h"
+#include "Socket/ReadWatch.h"
 
 namespace Veltro::Ravelo {
 
@@ -70,7 +70,7 @@ std::int64_t nextTimeout(const SEvent& record, int result) {
 }  // namespace
 
 void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEvent& record) {
-    SocketApi::forgetDrained();
+    CReadWatch::begin(static_cast<int>(record.key));
     const int result = callOwner(current, record);
     SockTrace::dispatchEnd(record, result);
     while (!rearm(pool, record, result)) {
@@ -80,15 +80,24 @@ void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEven
 
 /// Makes a record idle again; false when it is condemned. Freeing needs the table, which is not worth taking
 /// for every event.
+///
+/// Bytes that wait inside the socket object, decrypted but not read, make no event: the record stays in
+/// flight and is dispatched again behind what is queued by then.
 bool CNetSock::rearm(CThreadPool& pool, SEvent& record, int result) {
-    Plinth::CLockGuard guard(record.mutex);
-    if (record.m_event_mask & EventMask::Delete) return false;
-    const bool taken_back = has(record, VL_POLLDEL);
-    record.m_revents.store(VL_NOPOLL, relaxed);
-    pool.multiplexer().rearm(record, SocketApi::wasDrained(static_cast<int>(record.key)));
-    const std::int64_t next_ms = nextTimeout(record, taken_back ? 0 : result);
-    // Nothing to do for the many sockets that have no time-out.
-    if (next_ms > 0 || CSockTimer::isInList(record)) reset_timer(record, next_ms);
+    const CReadWatch::ELeft left = CReadWatch::left();
+    bool is_again = false;
+    {
+        Plinth::CLockGuard guard(record.mutex);
+        if (record.m_event_mask & EventMask::Delete) return false;
+        is_again = left == CReadWatch::ELeft::Inside && (record.m_event_mask & EventMask::Read);
+        const bool taken_back = has(record, VL_POLLDEL);
+        record.m_revents.store(is_again ? VL_POLLIN : VL_NOPOLL, relaxed);
+        if (!is_again) pool.multiplexer().rearm(record, left == CReadWatch::ELeft::Nothing);
+        const std::int64_t next_ms = nextTimeout(record, taken_back ? 0 : result);
+        // Nothing to do for the many sockets that have no time-out.
+        if (next_ms > 0 || CSockTimer::isInList(record)) reset_timer(record, next_ms);
+    }
+    if (is_again) pool.post(&record);
     return true;
 }
 

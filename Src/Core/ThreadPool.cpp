@@ -163,7 +163,9 @@ void CThreadPool::ThreadProc(Plinth::CThreadLite& self) {
         SQueueRecord* record = nullptr;
         while (self.looping()) {
             if (record == nullptr) record = m_queue.Pop();
-            m_loop_counter.fetch_add(1, std::memory_order_relaxed);
+            // Workers that count at the same moment may count once: what matters is that the number changes.
+            m_loop_counter.store(m_loop_counter.load(std::memory_order_relaxed) + 1,
+                                 std::memory_order_relaxed);
             if (record != nullptr) record = dispatch(current, record);
         }
         // A pass may have ended with a record in hand.

@@ -39,6 +39,7 @@ int send(int fd, const char* data, unsigned length);
 /// One gathered call, which on a datagram socket is one datagram. Of more elements than the system takes at
 /// once a stream sends the first ones; a datagram socket fails. A negative count is an invalid argument.
 int sendV(int fd, const iovec* elements, int count);
+/// Tells CReadWatch whether something may be left, where the multiplexer makes use of it.
 int recv(int fd, char* buffer, unsigned length);
 /// The same to, and from, an address. One without a family is refused. *addr_length is the size of *addr in
 /// bytes, before and after.
@@ -47,11 +48,6 @@ int recvFrom(int fd, char* buffer, unsigned length, sockaddr* addr, int* addr_le
 
 /// The most elements of one gathered call that every system takes.
 constexpr int MAX_ELEMENTS = 1024;
-
-/// Whether the calling thread's last recv(), since it called forgetDrained(), was of this socket and left
-/// nothing to read: it got less than it had room for. Always false where nobody needs to know.
-bool wasDrained(int fd);
-void forgetDrained();
 
 /// An option whose value is an int; the result is the system's.
 int setOption(int fd, int level, int name, int value);

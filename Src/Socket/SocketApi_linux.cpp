@@ -12,14 +12,12 @@
 #include <cstring>
 #include <ctime>
 
+#include "Socket/ReadWatch.h"
 #include "Socket/SocketApi.h"
 
 namespace Veltro::Ravelo::SocketApi {
 
 namespace {
-
-/// The socket that the calling thread has read empty, or -1; see wasDrained().
-thread_local int t_drained_fd = -1;
 
 socklen_t toLength(int length) {
     return length < 0 ? 0 : static_cast<socklen_t>(length);
@@ -183,16 +181,8 @@ int recv(int fd, char* buffer, unsigned length) {
     const ssize_t room = std::min<unsigned>(length, INT_MAX);
     const ssize_t received = ::recv(fd, buffer, static_cast<std::size_t>(room), 0);
     const bool drained = received > 0 ? received < room : received < 0 && errno == EAGAIN;
-    t_drained_fd = drained ? fd : -1;
+    CReadWatch::note(fd, drained ? CReadWatch::ELeft::Nothing : CReadWatch::ELeft::Unknown);
     return static_cast<int>(received);
-}
-
-bool wasDrained(int fd) {
-    return t_drained_fd == fd;
-}
-
-void forgetDrained() {
-    t_drained_fd = -1;
 }
 
 int sendTo(int fd, const char* data, unsigned length, const sockaddr* addr, int addr_length) {

@@ -150,13 +150,6 @@ int recv(int fd, char* buffer, unsigned length) {
     return ::recv(toSocket(fd), buffer, static_cast<int>(std::min<unsigned>(length, INT_MAX)), 0);
 }
 
-// select() is asked about every socket anew.
-bool wasDrained(int) {
-    return false;
-}
-
-void forgetDrained() {}
-
 int sendTo(int fd, const char* data, unsigned length, const sockaddr* addr, int addr_length) {
     if (addr->sa_family == AF_UNSPEC) {
         WSASetLastError(WSAEAFNOSUPPORT);

@@ -132,33 +132,6 @@ TEST(SocketApi, WaitOneWorksForDescriptorsAbove1024) {
     for (const int fd : sockets) SocketApi::close(fd);
 }
 
-TEST(SocketApi, AShortReadAndAReadOfNothingTellThatASocketWasDrained) {
-    if (TestSupport::isWindows())
-        GTEST_SKIP() << "select() asks about every socket anew: nobody needs to know";
-    SSocketPair pair;
-    char bytes[4];
-    EXPECT_EQ(6, pair.client.Send("abcdef", 6));
-    EXPECT_TRUE(waitReadable(pair.server));
-    EXPECT_EQ(4, SocketApi::recv(pair.server.GetHandle(), bytes, 4));
-    EXPECT_FALSE(SocketApi::wasDrained(pair.server.GetHandle()));
-    EXPECT_EQ(2, SocketApi::recv(pair.server.GetHandle(), bytes, 4));
-    EXPECT_TRUE(SocketApi::wasDrained(pair.server.GetHandle()));
-    EXPECT_FALSE(SocketApi::wasDrained(pair.client.GetHandle()));
-    SocketApi::forgetDrained();
-    EXPECT_FALSE(SocketApi::wasDrained(pair.server.GetHandle()));
-    EXPECT_EQ(-1, SocketApi::recv(pair.server.GetHandle(), bytes, 4));
-    EXPECT_TRUE(SocketApi::wasDrained(pair.server.GetHandle()));
-}
-
-TEST(SocketApi, TheEndOfAConnectionDoesNotDrainIt) {
-    SSocketPair pair;
-    char bytes[4];
-    pair.client.Close();
-    EXPECT_TRUE(waitReadable(pair.server));
-    EXPECT_EQ(0, SocketApi::recv(pair.server.GetHandle(), bytes, 4));
-    EXPECT_FALSE(SocketApi::wasDrained(pair.server.GetHandle()));
-}
-
 TEST(SocketApi, ADatagramOfTooManyElementsIsNotCutInPieces) {
     const int fd = SocketApi::create(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in target{};
