@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "Socket/SslX509Record.h"
 
@@ -119,35 +118,8 @@ void printErrors() {
 
 bool takeError(char (&text)[256]) {
     const unsigned long error = ERR_get_error();
-    if (error == 0) return false;
     ERR_error_string_n(error, text, sizeof(text));
-    return true;
-}
-
-int copyText(std::unique_ptr<char[]>* to, const char* text) {
-    return copyText(to, text, text != nullptr ? static_cast<int>(std::strlen(text)) : 0);
-}
-
-int copyText(std::unique_ptr<char[]>* to, const char* text, int length) {
-    to->reset();
-    if (text == nullptr || length < 0) return -1;
-    const auto size = static_cast<std::size_t>(length);
-    to->reset(new (std::nothrow) char[size + 1]());
-    if (*to == nullptr) return -1;
-    std::copy(text, std::find(text, text + size, '\0'), to->get());
-    return 0;
-}
-
-int copyBytes(std::unique_ptr<char[]>* to, int* length, const void* bytes, int count) {
-    to->reset();
-    *length = 0;
-    if (bytes == nullptr || count < 0) return -1;
-    const auto size = static_cast<std::size_t>(count);
-    to->reset(new (std::nothrow) char[size + 1]());
-    if (*to == nullptr) return -1;
-    std::memcpy(to->get(), bytes, size);
-    *length = count;
-    return 0;
+    return error != 0;
 }
 
 }  // namespace Veltro::Ravelo::SslContext
