@@ -66,8 +66,9 @@ public:
     unsigned short Open(unsigned short port) {
         const std::string folder = Bench::certificates();
         auto* certificate = new CSslX509;
-        if (certificate->LoadCert((folder + "/server_chain.pem").c_str()) != 0 ||
-            certificate->LoadPrivateKey((folder + "/server_key.pem").c_str()) != 0)
+        if (certificate->SetCert((folder + "/server.pem").c_str(), (folder + "/server_key.pem").c_str()) !=
+                0 ||
+            certificate->SetCA((folder + "/intermediate_1.pem").c_str()) != 0)
             Bench::die_of_tls("the server's certificate");
         m_acceptor.SetOption(SslOptCert, SslCertOwn, certificate);
         m_acceptor.SetOption(SslOptSession, SslSessionId | SslSessionTicket, nullptr);
