@@ -20,4 +20,5 @@
 #include <Ravelo/SslStream.h>
 #include <Ravelo/SslX509.h>
 #include <Ravelo/StrParser.h>
+#include <Ravelo/StreamSender.h>
 #include <Ravelo/TsMemory.h>
