@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "Log.h"
+#include "Socket/ReadWatch.h"
 #include "Socket/SslCall.h"
 #include "Socket/SslContext.h"
 #include "Socket/SslStreamRecord.h"
@@ -37,6 +38,11 @@ SSslOutcome peekByte(SSL* ssl, int fd) {
     return callSsl(ssl, fd, [ssl, &byte] { return SSL_peek(ssl, &byte, 1); });
 }
 
+/// Tells the reactor of bytes that wait in here, which make no event of the socket.
+void noteLeft(const SSL* ssl, int fd) {
+    CReadWatch::note(fd, SSL_pending(ssl) > 0 ? CReadWatch::ELeft::Inside : CReadWatch::ELeft::Unknown);
+}
+
 SSL* connectionOf(const SSslStreamRecord* record) {
     return record != nullptr ? record->m_ssl.get() : nullptr;
 }
@@ -52,8 +58,16 @@ int CSslStream::Send(const char* buf, unsigned int len) {
     SSL* ssl = connectionOf(m_internal);
     const int length = static_cast<int>(std::min<unsigned>(len, INT_MAX));
     const SSslOutcome sent = callSsl(ssl, m_fd, [ssl, buf, length] { return SSL_write(ssl, buf, length); });
-    if (sent.result > 0) return sent.result;
-    if (sent.isTryAgain()) return 0;
+    if (sent.result > 0) {
+        m_internal->m_unfinished = 0;
+        return sent.result;
+    }
+    if (sent.isTryAgain()) {
+        // Of a record that is under way already, more bytes behind it are no part.
+        if (m_internal->m_unfinished == 0)
+            m_internal->m_unfinished = std::min(length, SSL3_RT_MAX_PLAIN_LENGTH);
+        return 0;
+    }
     LOG_SSL_FAILURE(sent, "SSL_write error! fd:%d, len:%u, ", "=", m_fd, len);
     return -1;
 }
@@ -76,7 +90,10 @@ int CSslStream::Recv(char* buf, unsigned int len) {
     const int length = static_cast<int>(std::min(static_cast<unsigned>(pending), len));
     const SSslOutcome received =
         callSsl(ssl, m_fd, [ssl, buf, length] { return SSL_read(ssl, buf, length); });
-    if (received.result > 0) return received.result;
+    if (received.result > 0) {
+        noteLeft(ssl, m_fd);
+        return received.result;
+    }
     if (received.isTryAgain()) return 0;
     LOG_SSL_FAILURE(received, "SSL_read error! fd:%d, len:%u, ", ":", m_fd, len);
     return -1;
@@ -85,7 +102,10 @@ int CSslStream::Recv(char* buf, unsigned int len) {
 int CSslStream::Peek() {
     SSL* ssl = connectionOf(m_internal);
     const SSslOutcome peeked = peekByte(ssl, m_fd);
-    if (peeked.result > 0) return SSL_pending(ssl);
+    if (peeked.result > 0) {
+        noteLeft(ssl, m_fd);
+        return SSL_pending(ssl);
+    }
     if (peeked.wantsMore()) return 0;
     LOG_SSL_FAILURE(peeked, "SSL_peek error! fd:%d, ", ":", m_fd);
     return -1;

@@ -20,6 +20,9 @@ struct SSslStreamRecord : SSslOptions {
     TSslContext m_ctx;                   ///< null for a connection that an acceptor handed over
     std::uint32_t m_session_reused = 0;  ///< 1: a session was offered on this connection
     std::uint32_t m_session_number = 0;
+    /// At most so many bytes of the last Send() are sealed in a record that the socket has not taken whole:
+    /// the next Send() must begin with them.
+    std::uint32_t m_unfinished = 0;
     std::unique_ptr<char[]> m_server_name;
     /// Where this connection's sessions go; empty until it is known.
     char m_session_key[KEY_BYTES] = {};

@@ -1,5 +1,6 @@
 #include "Tool/SendBuffer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -109,10 +110,13 @@ std::uint32_t CSendBuffer::del_buffer_header(std::uint32_t sent) {
     return sent;
 }
 
-void CSendBuffer::clear() {
-    for (SSendBuf* block = m_tail; block != nullptr; block = block->prev) block->reset();
+void CSendBuffer::clear(std::uint32_t keep_bytes) {
+    if (m_head == nullptr) return;
+    for (SSendBuf* block = m_tail; block != m_head; block = block->prev) block->reset();
     m_tail = m_head;
-    m_data_len = 0;
+    m_data_len = std::min(keep_bytes, m_head->length());
+    m_head->write = m_head->read + m_data_len;
+    if (m_data_len == 0) m_head->reset();
 }
 
 void CSendBuffer::release() {

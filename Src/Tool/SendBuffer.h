@@ -54,7 +54,8 @@ public:
     const iovec* gather(int* count);
     /// Takes bytes off the front. @return how many there were to take.
     std::uint32_t del_buffer_header(std::uint32_t sent);
-    void clear();
+    /// Drops all bytes but the first ones. @param keep_bytes at most a block; those beyond the head go, too.
+    void clear(std::uint32_t keep_bytes);
     /// Gives all memory back.
     void release();
 

@@ -5,6 +5,7 @@
 #include <Ravelo/SockStream.h>
 
 #include "Log.h"
+#include "Socket/SslStreamRecord.h"
 
 namespace Veltro::Ravelo::SockWrite {
 
@@ -25,6 +26,8 @@ int asItsClass(CSock& sock, const Act& act) {
             return act(static_cast<CSockStream&>(sock));
         case SOCK_TYPE_DGRAM:
             return act(static_cast<CSockDgram&>(sock));
+        case SOCK_TYPE_SSL_STREAM:
+            return act(static_cast<CSslStream&>(sock));
         case SOCK_TYPE_SIMULATOR:
             return act(static_cast<CSimulatorStream&>(sock));
         default:
@@ -35,11 +38,17 @@ int asItsClass(CSock& sock, const Act& act) {
 }  // namespace
 
 bool isStream(unsigned type) {
-    return type == SOCK_TYPE_STREAM || type == SOCK_TYPE_SIMULATOR;
+    return type == SOCK_TYPE_STREAM || type == SOCK_TYPE_SSL_STREAM || type == SOCK_TYPE_SIMULATOR;
 }
 
 int send(CSock& sock, const char* data, unsigned length_bytes) {
     return asItsClass(sock, [data, length_bytes](auto& its) { return its.Send(data, length_bytes); });
+}
+
+unsigned unfinished(CSock& sock) {
+    if (sock.GetType() != SOCK_TYPE_SSL_STREAM) return 0;
+    const SSslStreamRecord* record = SSslStreamRecord::of(static_cast<CSslStream&>(sock));
+    return record != nullptr ? record->m_unfinished : 0;
 }
 
 int writeV(CSock& sock, const iovec* elements, int count) {

@@ -15,6 +15,11 @@ bool isStream(unsigned type);
 /// @param data not null; only read. @param length_bytes above 0.
 int send(CSock& sock, const char* data, unsigned length_bytes);
 
+/// How many bytes at most the next send must begin with, because they are sealed in a TLS record already: 0
+/// unless the last send came to 0, and on sockets of all other classes. To send other bytes instead would
+/// pass for those, and the peer would get what was withdrawn.
+unsigned unfinished(CSock& sock);
+
 /// Sends the elements of a list with one call; on a datagram socket as one datagram.
 /// @param elements not null; they and their data are only read. @param count above 0.
 int writeV(CSock& sock, const iovec* elements, int count);

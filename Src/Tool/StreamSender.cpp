@@ -191,9 +191,11 @@ int CStreamSender::Put(const char* buf, unsigned int len) {
 
 int CStreamSender::Clear() {
     Plinth::CLockGuard guard(m_internal->mutex);
-    m_internal->m_counters.bytes_cleared += m_internal->m_buffer.length();
-    if (m_internal->m_buffer.length() != 0) m_internal->endStall();
-    m_internal->m_buffer.clear();
+    CSendBuffer& buffer = m_internal->m_buffer;
+    const std::uint32_t queued = buffer.length();
+    buffer.clear(m_internal->m_stream != nullptr ? SockWrite::unfinished(*m_internal->m_stream) : 0);
+    m_internal->m_counters.bytes_cleared += queued - buffer.length();
+    if (queued != 0 && buffer.length() == 0) m_internal->endStall();
     check_buffer_free();
     return 0;
 }

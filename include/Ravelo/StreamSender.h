@@ -49,8 +49,8 @@ public:
     /// Sets the socket and its owner; nothing is registered yet. Bytes kept for a former socket stay queued
     /// and, unless Clear() drops them, go to this one once the owner registers it for Write.
     /// @param owner must live, and be of a pool that lives, until Detach() or Close(); not referenced.
-    /// @param stream a CSockStream or CSimulatorStream: another one fails an assertion when it is sent on.
-    /// Stays the caller's, who sends nothing on it meanwhile; must live until Detach() or Close().
+    /// @param stream a CSockStream, CSslStream or CSimulatorStream: another one fails an assertion when it is
+    /// sent on. Stays the caller's, who sends nothing on it meanwhile; must live until Detach() or Close().
     /// @return 0; -1 if either is null, and nothing changes.
     int Attach(CNetHandler* owner, CSock* stream);
     /// Withdraws the socket's Write interest, and removes it from the registry if nobody reads from it. The
@@ -69,7 +69,8 @@ public:
     /// @return 0 taken; -1 refused for want of room (see WaitBufferSize()), or the socket failed: then
     /// NOTIFY_STREAM_EXCEPTION follows, and some of the block may have been sent.
     int Put(const char* buf, unsigned int len);
-    /// Drops all bytes kept. Waits are answered as if they had been sent. @return 0.
+    /// Drops all bytes kept, but for those that a TLS stream has sealed into a record which is under way.
+    /// Waits are answered as if what was dropped had been sent. @return 0.
     int Clear();
     /// Raises the capacity; it never shrinks.
     /// @param blocks of 32 KiB, 1 to 65535. Not more than now changes nothing, but less than what is queued

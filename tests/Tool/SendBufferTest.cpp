@@ -184,7 +184,7 @@ TEST_F(SendBuffer, ClearEmptiesEveryBlockAndKeepsThem) {
     EXPECT_TRUE(put(4 * BLOCK));
     drop(BLOCK + 5);
     const SSendBuf* head = buffer.head();
-    buffer.clear();
+    buffer.clear(0);
     model.clear();
     expect(1, 3);
     EXPECT_EQ(head, buffer.head());
@@ -192,8 +192,26 @@ TEST_F(SendBuffer, ClearEmptiesEveryBlockAndKeepsThem) {
     expect(2, 2);
 }
 
+TEST_F(SendBuffer, ClearKeepsWhatItIsTold) {
+    EXPECT_TRUE(put(3 * BLOCK));
+    drop(100);
+    buffer.clear(1000);
+    model.resize(1000);
+    expect(1, 2);
+    EXPECT_TRUE(put(2 * BLOCK));
+    expect(3, 0);
+}
+
+TEST_F(SendBuffer, ClearKeepsNothingBeyondTheHead) {
+    EXPECT_TRUE(put(2 * BLOCK));
+    drop(BLOCK - 10);
+    buffer.clear(1000);
+    model.resize(10);
+    expect(1, 1);
+}
+
 TEST_F(SendBuffer, ClearOfNothingDoesNothing) {
-    buffer.clear();
+    buffer.clear(0);
     expect(0, 0);
 }
 
