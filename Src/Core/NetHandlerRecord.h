@@ -44,8 +44,7 @@ private:
 };
 
 /// The private state of a CNetHandler. It lives as long as the handler or a share in it, whichever is longer.
-/// An event touches one line of the processor's cache in it.
-struct alignas(64) SNetHandlerRecord {
+struct SNetHandlerRecord {
     std::uint16_t __m_magic PLINTH_GUARDED_BY(mutex) = MAGIC_OPEN;
     std::uint8_t closing PLINTH_GUARDED_BY(mutex) = 0;  ///< set once, before handle_close()
     SObjectEntry entry;                                 ///< in the pool's object table; its key is the id

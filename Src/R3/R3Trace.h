@@ -7,7 +7,8 @@
 
 namespace Veltro::Ravelo {
 class CNetHandler;
-}
+class CSock;
+}  // namespace Veltro::Ravelo
 
 namespace Veltro::Ravelo::R3Trace {
 
@@ -25,6 +26,8 @@ namespace Line {
 void message(const char* when, const CNetHandler& handler, std::uint32_t type, std::int64_t info);
 void timer(const char* when, const CNetHandler& handler);
 void receiver(const char* when, const CNetHandler& handler);
+void senderPut(const CNetHandler& sender, std::uint32_t length_bytes, const CSock& stream);
+void senderOutput(const CNetHandler& sender, const CSock& stream);
 }  // namespace Line
 
 inline void messageBegin(const CNetHandler& handler, std::uint32_t type, std::int64_t info) {
@@ -50,6 +53,15 @@ inline void receiverBegin(const CNetHandler& handler) {
 inline void receiverEnd(const CNetHandler& handler) {
     if (isOn(sm_receivers)) [[unlikely]]
         Line::receiver("end", handler);
+}
+/// A stream sender takes a block, or is told that its socket is writable.
+inline void senderPut(const CNetHandler& sender, std::uint32_t length_bytes, const CSock& stream) {
+    if (isOn(sm_tools)) [[unlikely]]
+        Line::senderPut(sender, length_bytes, stream);
+}
+inline void senderOutput(const CNetHandler& sender, const CSock& stream) {
+    if (isOn(sm_tools)) [[unlikely]]
+        Line::senderOutput(sender, stream);
 }
 
 }  // namespace Veltro::Ravelo::R3Trace

@@ -54,6 +54,9 @@ int setOption(int fd, int level, int name, int value);
 /// An option of any other type. @param length bytes at value.
 int setOption(int fd, int level, int name, const void* value, int length);
 int getOption(int fd, int level, int name, int* value);
+/// How long a blocking receive, or send, of a socket may take, in milliseconds; 0 or less for ever.
+int setReceiveTimeout(int fd, int timeout_ms);
+int setSendTimeout(int fd, int timeout_ms);
 
 /// The calling thread's last socket error: errno, or WSAGetLastError().
 int lastError();
@@ -72,6 +75,8 @@ int resetError();
 int invalidArgumentError();
 /// The number of "no buffer space" on this platform.
 int noBufferError();
+/// The number of "timed out" on this platform.
+int timedOutError();
 
 /// The system's text for a socket error, without an end of line; the number where the system knows no text.
 /// Use as errorText(error).data() within one expression.

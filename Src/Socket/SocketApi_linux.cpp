@@ -2,6 +2,7 @@
 #include <net/if.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,6 +35,11 @@ int finishConnect(int fd) {
     if (error == 0) return 0;
     errno = error;
     return -1;
+}
+
+timeval toTimeval(int timeout_ms) {
+    const int wait_ms = std::max(timeout_ms, 0);
+    return {wait_ms / 1000, wait_ms % 1000 * 1000};
 }
 
 std::array<char, 512> copyText(const char* text, int number) {
@@ -209,6 +215,16 @@ int getOption(int fd, int level, int name, int* value) {
     return ::getsockopt(fd, level, name, value, &size);
 }
 
+int setReceiveTimeout(int fd, int timeout_ms) {
+    const timeval timeout = toTimeval(timeout_ms);
+    return setOption(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+}
+
+int setSendTimeout(int fd, int timeout_ms) {
+    const timeval timeout = toTimeval(timeout_ms);
+    return setOption(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+}
+
 int lastError() {
     return errno;
 }
@@ -247,6 +263,10 @@ int invalidArgumentError() {
 
 int noBufferError() {
     return ENOBUFS;
+}
+
+int timedOutError() {
+    return ETIMEDOUT;
 }
 
 std::array<char, 512> errorText(int error) {

@@ -179,6 +179,14 @@ int getOption(int fd, int level, int name, int* value) {
     return ::getsockopt(toSocket(fd), level, name, reinterpret_cast<char*>(value), &size);
 }
 
+int setReceiveTimeout(int fd, int timeout_ms) {
+    return setOption(fd, SOL_SOCKET, SO_RCVTIMEO, std::max(timeout_ms, 0));
+}
+
+int setSendTimeout(int fd, int timeout_ms) {
+    return setOption(fd, SOL_SOCKET, SO_SNDTIMEO, std::max(timeout_ms, 0));
+}
+
 int lastError() {
     return WSAGetLastError();
 }
@@ -217,6 +225,10 @@ int invalidArgumentError() {
 
 int noBufferError() {
     return WSAENOBUFS;
+}
+
+int timedOutError() {
+    return WSAETIMEDOUT;
 }
 
 std::array<char, 512> errorText(int error) {

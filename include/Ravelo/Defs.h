@@ -66,10 +66,15 @@ enum : unsigned {
     SOCK_TYPE_UNKNOWN = 7
 };
 
-/// Types of the messages that a tool sends to its owner.
+/// Types of the messages that tools send; info is 0 unless it says otherwise.
 enum : unsigned {
-    NOTIFY_STREAM_EXCEPTION = 2,  ///< a callback of the stream failed
-    NOTIFY_RECEIVER_CLOSED = 5    ///< the receiver has been closed
+    NOTIFY_STREAM_EXCEPTION = 2,  ///< the socket of a sender, or a callback of a receiver, has failed
+    NOTIFY_BUFFER_FREE = 4,       ///< a sender has the wanted room; info: free bytes
+    NOTIFY_RECEIVER_CLOSED = 5,   ///< the receiver has been closed
+    NOTIFY_FILE_WRITABLE = 6,     ///< a write that took less than it was given may be tried again
+    NOTIFY_FILE_READABLE = 7,     ///< a read that gave less than was asked for may be tried again
+    NOTIFY_FILE_ERROR = 8,        ///< a file's device has failed, or a call had bad arguments
+    NOTIFY_SEND_FINISH = 9        ///< a sender has nothing queued any more
 };
 
 }  // namespace Veltro::Ravelo

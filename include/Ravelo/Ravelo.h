@@ -17,6 +17,10 @@
 #include <Ravelo/SockAddrStorage.h>
 #include <Ravelo/SockDgram.h>
 #include <Ravelo/SockStream.h>
+#include <Ravelo/SslAcceptor.h>
+#include <Ravelo/SslOption.h>
+#include <Ravelo/SslStream.h>
 #include <Ravelo/SslX509.h>
 #include <Ravelo/StrParser.h>
+#include <Ravelo/StreamSender.h>
 #include <Ravelo/TsMemory.h>
