@@ -31,8 +31,8 @@ using TestSupport::sslOf;
 using TestSupport::STlsServer;
 using TestSupport::trusting;
 
-constexpr int ERROR = Plinth::LOG_LEVEL_ERROR;
-constexpr int WARNING = Plinth::LOG_LEVEL_WARNING;
+constexpr int LEVEL_ERROR = Plinth::LOG_LEVEL_ERROR;
+constexpr int LEVEL_WARNING = Plinth::LOG_LEVEL_WARNING;
 
 std::uint64_t nowMs() {
     return Plinth::CTime::getCurrentMilliSecond();
@@ -70,14 +70,14 @@ TEST(SslStreamConnect, AnAddressOfAnotherClassFailsWithItsLine) {
     CSslStream client;
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(TestSupport::CForeignAddr()));
-    EXPECT_EQ(1, log.count(ERROR, "Connect : connect error, address type[0] error!\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "Connect : connect error, address type[0] error!\n"));
 }
 
 TEST(SslStreamConnect, ARefusedConnectFailsWithItsLine) {
     CSslStream client;
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(CSockAddrIPv4("127.0.0.1", TestSupport::freePort())));
-    EXPECT_EQ(1, log.count(WARNING, ", connect error!\n"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, ", connect error!\n"));
     EXPECT_EQ(-1, client.GetHandle());
 }
 
@@ -146,10 +146,10 @@ TEST(SslStreamConnect, ASilentServerCostsTheTimeOutAndThreeLines) {
     const std::uint64_t took_ms = failingConnectMs(client, listener.address);
     EXPECT_GE(took_ms, 150U);
     EXPECT_LT(took_ms, 5000U);
-    EXPECT_EQ(1, log.count(WARNING, "SSL_connect failed, fd[-1] return:-1, SSL_get_error: 5, errno:" +
-                                        std::to_string(SocketApi::timedOutError()) + ", "));
-    EXPECT_EQ(1, log.count(WARNING, "SSL_state_string_long: SSLv3/TLS write client hello\n"));
-    EXPECT_EQ(1, log.count(WARNING, "ERR_error_string: error:00000000:"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "SSL_connect failed, fd[-1] return:-1, SSL_get_error: 5, errno:" +
+                                              std::to_string(SocketApi::timedOutError()) + ", "));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "SSL_state_string_long: SSLv3/TLS write client hello\n"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "ERR_error_string: error:00000000:"));
     EXPECT_EQ(3U, log.lines().size());
 }
 
@@ -239,7 +239,7 @@ TEST(SslStreamConnect, AServerThatHangsUpIsAFailure) {
     CSslStream client;
     const CLogCapture log;
     EXPECT_LT(failingConnectMs(client, listener.address), 4000U);
-    EXPECT_EQ(1, log.count(WARNING, "SSL_connect failed, fd[-1] return:-1, SSL_get_error: "));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "SSL_connect failed, fd[-1] return:-1, SSL_get_error: "));
 }
 
 TEST(SslStreamConnect, AServerThatSpeaksSomethingElseIsAFailure) {
@@ -254,8 +254,10 @@ TEST(SslStreamConnect, AServerThatSpeaksSomethingElseIsAFailure) {
     CSslStream client;
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(listener.address));
-    EXPECT_EQ(1, log.count(WARNING, "SSL_connect failed, fd[-1] return:-1, SSL_get_error: 1, errno:0, "));
-    EXPECT_EQ(1, log.count(WARNING, "ERR_error_string: error:0A00010B:SSL routines::wrong version number\n"));
+    EXPECT_EQ(1,
+              log.count(LEVEL_WARNING, "SSL_connect failed, fd[-1] return:-1, SSL_get_error: 1, errno:0, "));
+    EXPECT_EQ(
+        1, log.count(LEVEL_WARNING, "ERR_error_string: error:0A00010B:SSL routines::wrong version number\n"));
 }
 
 TEST(SslStreamConnect, AnObjectThatFailedMayTryAgain) {
@@ -318,7 +320,8 @@ TEST(SslStreamConnect, AServerOfATrustedAuthorityIsVerified) {
 TEST(SslStreamConnect, AServerOfAnotherAuthorityIsRefused) {
     const CLogCapture log;
     EXPECT_FALSE(connects("server", SslCertVerifyPeer, trusting("other_ca")));
-    EXPECT_EQ(1, log.count(WARNING, "ERR_error_string: error:0A000086:SSL routines::certificate verify"));
+    EXPECT_EQ(1,
+              log.count(LEVEL_WARNING, "ERR_error_string: error:0A000086:SSL routines::certificate verify"));
 }
 
 TEST(SslStreamConnect, AnExpiredServerIsRefused) {
@@ -389,7 +392,7 @@ TEST(SslStreamConnect, AFolderThatLacksAFileIsLoggedAndCountsAsNone) {
         EXPECT_EQ(0, client.SetPemPath(folder.path().c_str()));
         const CLogCapture log;
         EXPECT_TRUE(listener.serve(server, client));
-        EXPECT_EQ(1, log.count(WARNING, ", cacert.pem or privkey.pem is inexistent!\n"));
+        EXPECT_EQ(1, log.count(LEVEL_WARNING, ", cacert.pem or privkey.pem is inexistent!\n"));
         CSslX509 shown;
         EXPECT_EQ(-2, server.GetPeerCert(&shown));
     }
@@ -403,7 +406,7 @@ TEST(SslStreamConnect, APathIsCutAt127Bytes) {
     EXPECT_EQ(0, client.SetPemPath(folder.path().c_str()));
     const CLogCapture log;
     EXPECT_TRUE(listener.serve(server, client));
-    EXPECT_EQ(1, log.count(WARNING, ", cacert.pem or privkey.pem is inexistent!\n"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, ", cacert.pem or privkey.pem is inexistent!\n"));
 }
 
 TEST(SslStreamConnect, AFoldersKeyOfAnotherCertificateFails) {
@@ -413,7 +416,7 @@ TEST(SslStreamConnect, AFoldersKeyOfAnotherCertificateFails) {
     EXPECT_EQ(0, client.SetPemPath(folder.path().c_str()));
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(listener.address));
-    EXPECT_EQ(1, log.count(WARNING, "Connect : init ssl_ctx_st error! errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "Connect : init ssl_ctx_st error! errno:"));
 }
 
 TEST(SslStreamConnect, AnEncryptedKeyTakesItsPassword) {
@@ -438,7 +441,7 @@ TEST(SslStreamConnect, AWrongPasswordFails) {
     EXPECT_EQ(0, client.SetOption(SslOptKeyPasswd, 0, password));
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(listener.address));
-    EXPECT_EQ(1, log.count(WARNING, "Connect : init ssl_ctx_st error! errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "Connect : init ssl_ctx_st error! errno:"));
 }
 
 TEST(SslStreamConnect, AnOwnCertificateObjectWithoutCertificateFailsWithItsLine) {
@@ -447,8 +450,8 @@ TEST(SslStreamConnect, AnOwnCertificateObjectWithoutCertificateFailsWithItsLine)
     client.SetOption(SslOptCert, SslCertOwn, new CSslX509);
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(listener.address));
-    EXPECT_EQ(1, log.count(ERROR, "certificate_setup : SSL_CTX_use_certificate failed, errno:"));
-    EXPECT_EQ(1, log.count(WARNING, "Connect : init ssl_ctx_st error! errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "certificate_setup : SSL_CTX_use_certificate failed, errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "Connect : init ssl_ctx_st error! errno:"));
 }
 
 TEST(SslStreamConnect, AnOwnCertificateWithoutKeyFailsWithItsLine) {
@@ -459,7 +462,7 @@ TEST(SslStreamConnect, AnOwnCertificateWithoutKeyFailsWithItsLine) {
     client.SetOption(SslOptCert, SslCertOwn, x509);
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(listener.address));
-    EXPECT_EQ(1, log.count(ERROR, "certificate_setup : SSL_CTX_use_PrivateKey failed, errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "certificate_setup : SSL_CTX_use_PrivateKey failed, errno:"));
 }
 
 TEST(SslStreamConnect, AnOwnCertificateWithAnotherKeyFailsWithALineOfEitherStep) {
@@ -471,8 +474,8 @@ TEST(SslStreamConnect, AnOwnCertificateWithAnotherKeyFailsWithALineOfEitherStep)
     client.SetOption(SslOptCert, SslCertOwn, x509);
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(listener.address));
-    EXPECT_EQ(1, log.count(ERROR, "SSL_CTX_use_PrivateKey failed, errno:") +
-                     log.count(ERROR, "SSL_CTX_check_private_key failed, errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "SSL_CTX_use_PrivateKey failed, errno:") +
+                     log.count(LEVEL_ERROR, "SSL_CTX_check_private_key failed, errno:"));
 }
 
 TEST(SslStreamConnect, TheServersNameIsSent) {
@@ -501,7 +504,7 @@ TEST(SslStreamConnect, ANameThatIsTooLongIsLoggedAndNotSent) {
     EXPECT_EQ(0, client.SetOption(SslOptServerName, 0, name.data()));
     const CLogCapture log;
     ASSERT_TRUE(listener.serve(server, client));
-    EXPECT_EQ(1, log.count(WARNING, ", Unable to set TLS servername extension.\n"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, ", Unable to set TLS servername extension.\n"));
     EXPECT_EQ(nullptr, SSL_get_servername(sslOf(server), TLSEXT_NAMETYPE_host_name));
 }
 
@@ -523,7 +526,7 @@ TEST(SslStreamConnect, ARejectedListIsLoggedAndTheDefaultOneCounts) {
     client.SetOption(SslOptCipherList, 1, heapText("NONSENSE"));
     const CLogCapture log;
     EXPECT_TRUE(listener.serve(server, client));
-    EXPECT_EQ(1, log.count(WARNING, "Connect : Cipher List Rule Set Wrong! errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "Connect : Cipher List Rule Set Wrong! errno:"));
     EXPECT_EQ(TLS1_2_VERSION, SSL_version(sslOf(client)));
 }
 
@@ -550,10 +553,10 @@ TEST(SslStreamConnect, TimeOutsThatCannotBeSetAreLogged) {
     CSslStream client;
     const CLogCapture log;
     EXPECT_EQ(-1, client.Connect(&stream));
-    EXPECT_EQ(1, log.count(ERROR, "set_sock_timeout :Set SO_RCVTIMEO failed! fd[" +
-                                      std::to_string(stream.GetHandle()) +
-                                      "], send_t[5000], recv_t[5000], errno:"));
-    EXPECT_EQ(1, log.count(ERROR, "], send_t[0], recv_t[0], errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "set_sock_timeout :Set SO_RCVTIMEO failed! fd[" +
+                                            std::to_string(stream.GetHandle()) +
+                                            "], send_t[5000], recv_t[5000], errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], send_t[0], recv_t[0], errno:"));
     stream.Detach();
 }
 

@@ -16,7 +16,7 @@ namespace {
 using TestSupport::CLogCapture;
 using TestSupport::heapText;
 
-constexpr int ERROR = Plinth::LOG_LEVEL_ERROR;
+constexpr int LEVEL_ERROR = Plinth::LOG_LEVEL_ERROR;
 
 SSslStreamRecord& recordOf(CSslStream& stream) {
     return *SSslStreamRecord::of(stream);
@@ -82,7 +82,7 @@ TEST(SslStreamOption, GettingAnyOtherOptionIsLoggedWithTheTypeGiven) {
     int length = 0;
     EXPECT_EQ(0, stream.GetOption(SslOptCert, type, nullptr, length));
     EXPECT_EQ(42, type);
-    EXPECT_EQ(1, log.count(ERROR, "GetOption : Unknown Option 1 Type 42 !\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "GetOption : Unknown Option 1 Type 42 !\n"));
 }
 
 TEST(SslStreamOption, UnknownOptionsAreLoggedAndSucceed) {
@@ -91,9 +91,9 @@ TEST(SslStreamOption, UnknownOptionsAreLoggedAndSucceed) {
     EXPECT_EQ(0, stream.SetOption(SslOptProtocolBan, SslBanTLSv1, nullptr));
     EXPECT_EQ(0, stream.SetOption(7, 3, nullptr));
     EXPECT_EQ(0, stream.SetOption(-1, 3, nullptr));
-    EXPECT_EQ(1, log.count(ERROR, "SetOption : Unknown Option 2 Type 4 !\n"));
-    EXPECT_EQ(1, log.count(ERROR, "SetOption : Unknown Option 7 Type 3 !\n"));
-    EXPECT_EQ(1, log.count(ERROR, "SetOption : Unknown Option -1 Type 3 !\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "SetOption : Unknown Option 2 Type 4 !\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "SetOption : Unknown Option 7 Type 3 !\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "SetOption : Unknown Option -1 Type 3 !\n"));
 }
 
 TEST(SslStreamOption, UnknownOptionsAreUnknownWithALength) {
@@ -101,8 +101,8 @@ TEST(SslStreamOption, UnknownOptionsAreUnknownWithALength) {
     const CLogCapture log;
     EXPECT_EQ(0, stream.SetOption(SslOptProtocolBan, 1, nullptr, 0));
     EXPECT_EQ(0, stream.SetOption(7, 3, nullptr, 0));
-    EXPECT_EQ(1, log.count(ERROR, "SetOption : Unknown Option 2 Type 1 !\n"));
-    EXPECT_EQ(1, log.count(ERROR, "SetOption : Unknown Option 7 Type 3 !\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "SetOption : Unknown Option 2 Type 1 !\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "SetOption : Unknown Option 7 Type 3 !\n"));
 }
 
 TEST(SslStreamOption, ACertificateBecomesTheStreams) {

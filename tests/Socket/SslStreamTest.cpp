@@ -27,8 +27,8 @@ using TestSupport::STlsPair;
 using TestSupport::STlsServer;
 using TestSupport::waitReadable;
 
-constexpr int ERROR = Plinth::LOG_LEVEL_ERROR;
-constexpr int WARNING = Plinth::LOG_LEVEL_WARNING;
+constexpr int LEVEL_ERROR = Plinth::LOG_LEVEL_ERROR;
+constexpr int LEVEL_WARNING = Plinth::LOG_LEVEL_WARNING;
 
 std::string handleText(const CSock& socket) {
     return std::to_string(socket.GetHandle());
@@ -111,15 +111,15 @@ TEST(SslStream, SendWithoutABufferFailsWithItsLine) {
     CSslStream stream;
     const CLogCapture log;
     EXPECT_EQ(-1, stream.Send(nullptr, 5));
-    EXPECT_EQ(1, log.count(ERROR, "Send : send failed! buf["));
-    EXPECT_EQ(1, log.count(ERROR, "], len[5], fd[-1]\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "Send : send failed! buf["));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], len[5], fd[-1]\n"));
 }
 
 TEST(SslStream, SendOfNothingFailsWithItsLine) {
     CSslStream stream;
     const CLogCapture log;
     EXPECT_EQ(-1, stream.Send("x", 0));
-    EXPECT_EQ(1, log.count(ERROR, "], len[0], fd[-1]\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], len[0], fd[-1]\n"));
 }
 
 TEST(SslStream, RecvWithoutABufferOrRoomFailsWithItsLine) {
@@ -128,8 +128,8 @@ TEST(SslStream, RecvWithoutABufferOrRoomFailsWithItsLine) {
     char byte = 0;
     EXPECT_EQ(-1, stream.Recv(nullptr, 5));
     EXPECT_EQ(-1, stream.Recv(&byte, 0));
-    EXPECT_EQ(2, log.count(ERROR, "Recv : recv failed! buf["));
-    EXPECT_EQ(1, log.count(ERROR, "], len[5], fd[-1]\n"));
+    EXPECT_EQ(2, log.count(LEVEL_ERROR, "Recv : recv failed! buf["));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], len[5], fd[-1]\n"));
 }
 
 TEST(SslStream, CallsWithoutAConnectionFail) {
@@ -139,9 +139,9 @@ TEST(SslStream, CallsWithoutAConnectionFail) {
     EXPECT_EQ(-1, stream.Send("x", 1));
     EXPECT_EQ(-1, stream.Recv(&byte, 1));
     EXPECT_EQ(-1, stream.Peek());
-    EXPECT_EQ(1, log.count(WARNING, "SSL_write error! fd:-1, len:1, SSL_get_error=1, errno:0,"));
-    EXPECT_EQ(1, log.count(WARNING, "SSL_peek error! fd:-1, len:1, SSL_get_error=1, errno:0,"));
-    EXPECT_EQ(1, log.count(WARNING, "SSL_peek error! fd:-1, SSL_get_error:1, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "SSL_write error! fd:-1, len:1, SSL_get_error=1, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "SSL_peek error! fd:-1, len:1, SSL_get_error=1, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "SSL_peek error! fd:-1, SSL_get_error:1, errno:0,"));
 }
 
 TEST(SslStream, RecvTakesAtMostWhatItHasRoomFor) {
@@ -257,9 +257,9 @@ TEST(SslStream, WriteVWithoutAListFailsWithItsLine) {
     iovec element{1, nullptr};
     EXPECT_EQ(-1, stream.WriteV(nullptr, 3));
     EXPECT_EQ(-1, stream.WriteV(&element, 0));
-    EXPECT_EQ(2, log.count(ERROR, "WriteV : send failed! vector["));
-    EXPECT_EQ(1, log.count(ERROR, "], count[3], fd[-1]\n"));
-    EXPECT_EQ(1, log.count(ERROR, "], count[0], fd[-1]\n"));
+    EXPECT_EQ(2, log.count(LEVEL_ERROR, "WriteV : send failed! vector["));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], count[3], fd[-1]\n"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], count[0], fd[-1]\n"));
 }
 
 TEST(SslStream, WriteVSendsAllElementsInOrder) {
@@ -298,7 +298,7 @@ TEST(SslStream, WriteVFailsWithItsElement) {
     const iovec list[] = {{4, text.data()}, {4, nullptr}};
     const CLogCapture log;
     EXPECT_EQ(-1, pair.client.WriteV(list, 2));
-    EXPECT_EQ(1, log.count(ERROR, "Send : send failed! buf["));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "Send : send failed! buf["));
     EXPECT_EQ("text", receive(pair.server, 4));
 }
 
@@ -312,8 +312,8 @@ TEST(SslStream, ACloseNotificationReadsAsAnEnd) {
     EXPECT_EQ(-1, receiveEnd(server));
     EXPECT_EQ(SSL_RECEIVED_SHUTDOWN, SSL_get_shutdown(TestSupport::sslOf(server)));
     const std::string head = "SSL_peek error! fd:" + handleText(server) + ", len:4096, ";
-    EXPECT_EQ(1, log.count(WARNING, head + "SSL_get_error=6, errno:0,"));
-    EXPECT_EQ(1, log.count(WARNING, head + "ERR_get_error=0, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "SSL_get_error=6, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "ERR_get_error=0, errno:0,"));
     EXPECT_EQ(2U, log.lines().size());
 }
 
@@ -337,9 +337,10 @@ TEST(SslStream, AnEndWithoutNotificationReadsAsAFailure) {
     const CLogCapture log;
     EXPECT_EQ(-1, receiveEnd(pair.client));
     const std::string head = "SSL_peek error! fd:" + handleText(pair.client) + ", len:4096, ";
-    EXPECT_EQ(1, log.count(WARNING, head + "SSL_get_error=1, errno:0,"));
-    EXPECT_EQ(1, log.count(WARNING, head + "ERR_error_string:error:0A000126:SSL routines::unexpected eof"));
-    EXPECT_EQ(1, log.count(WARNING, head + "ERR_get_error=0, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "SSL_get_error=1, errno:0,"));
+    EXPECT_EQ(
+        1, log.count(LEVEL_WARNING, head + "ERR_error_string:error:0A000126:SSL routines::unexpected eof"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "ERR_get_error=0, errno:0,"));
 }
 
 TEST(SslStream, PeekLogsAnEndWithItsOwnTexts) {
@@ -349,9 +350,9 @@ TEST(SslStream, PeekLogsAnEndWithItsOwnTexts) {
     const CLogCapture log;
     EXPECT_EQ(-1, pair.client.Peek());
     const std::string head = "SSL_peek error! fd:" + handleText(pair.client) + ", ";
-    EXPECT_EQ(1, log.count(WARNING, head + "SSL_get_error:1, errno:0,"));
-    EXPECT_EQ(1, log.count(WARNING, head + "ERR_error_string:error:0A000126:"));
-    EXPECT_EQ(1, log.count(WARNING, head + "ERR_get_error:0, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "SSL_get_error:1, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "ERR_error_string:error:0A000126:"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "ERR_get_error:0, errno:0,"));
 }
 
 TEST(SslStream, GarbageInsteadOfARecordIsAFailure) {
@@ -359,8 +360,8 @@ TEST(SslStream, GarbageInsteadOfARecordIsAFailure) {
     EXPECT_EQ(20, pair.server.stream().Send("GET / HTTP/1.1\r\n\r\nxy", 20));
     const CLogCapture log;
     EXPECT_EQ(-1, receiveEnd(pair.client));
-    EXPECT_EQ(1, log.count(WARNING, "SSL_get_error=1, errno:"));
-    EXPECT_EQ(1, log.count(WARNING, "ERR_error_string:error:0A"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "SSL_get_error=1, errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "ERR_error_string:error:0A"));
     char byte = 0;
     EXPECT_EQ(-1, pair.client.Recv(&byte, 1));
 }
@@ -387,7 +388,7 @@ TEST(SslStream, AChangedRecordIsAFailure) {
     EXPECT_EQ(length, pair.server.stream().Send(record, static_cast<unsigned>(length)));
     const CLogCapture log;
     EXPECT_EQ(-1, receiveEnd(pair.client));
-    EXPECT_EQ(1, log.count(WARNING, "bad record mac"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, "bad record mac"));
 }
 
 TEST(SslStream, AResetIsAFailureWithTheSocketsError) {
@@ -396,7 +397,8 @@ TEST(SslStream, AResetIsAFailureWithTheSocketsError) {
     const CLogCapture log;
     EXPECT_EQ(-1, receiveEnd(pair.client));
     EXPECT_EQ(SocketApi::resetError(), SocketApi::lastError());
-    EXPECT_EQ(1, log.count(WARNING, "SSL_get_error=5, errno:" + std::to_string(SocketApi::resetError())));
+    EXPECT_EQ(1,
+              log.count(LEVEL_WARNING, "SSL_get_error=5, errno:" + std::to_string(SocketApi::resetError())));
 }
 
 TEST(SslStream, SendToAPeerThatIsGoneFailsWithoutASignal) {
@@ -409,8 +411,8 @@ TEST(SslStream, SendToAPeerThatIsGoneFailsWithoutASignal) {
     EXPECT_EQ(-1, sendText(pair.client, "x"));
     EXPECT_EQ(-1, sendText(pair.client, "x"));
     const std::string head = "SSL_write error! fd:" + handleText(pair.client) + ", len:1, ";
-    EXPECT_EQ(2, log.count(WARNING, head + "SSL_get_error="));
-    EXPECT_EQ(2, log.count(WARNING, head + "ERR_get_error=0, errno:"));
+    EXPECT_EQ(2, log.count(LEVEL_WARNING, head + "SSL_get_error="));
+    EXPECT_EQ(2, log.count(LEVEL_WARNING, head + "ERR_get_error=0, errno:"));
     EXPECT_EQ(0, TestSupport::pipeSignalCount());
 }
 

@@ -19,7 +19,7 @@ using TestSupport::sendText;
 using TestSupport::STlsPair;
 using TestSupport::STlsServer;
 
-constexpr int ERROR = Plinth::LOG_LEVEL_ERROR;
+constexpr int LEVEL_ERROR = Plinth::LOG_LEVEL_ERROR;
 constexpr int SECOND_US = 1'000'000;
 
 std::uint64_t nowMs() {
@@ -34,10 +34,10 @@ TEST(SslStreamWait, BadArgumentsFailWithTheirLines) {
     EXPECT_EQ(-1, stream.Send_n("x", 0, 7));
     EXPECT_EQ(-1, stream.Recv_n(nullptr, 5, 7));
     EXPECT_EQ(-1, stream.Recv_n(&byte, 0, 7));
-    EXPECT_EQ(2, log.count(ERROR, "Send_n : Send_n failed! buf["));
-    EXPECT_EQ(2, log.count(ERROR, "Recv_n : recv_n failed! buf["));
-    EXPECT_EQ(2, log.count(ERROR, "], len[5], timeout:[7], fd[-1]\n"));
-    EXPECT_EQ(2, log.count(ERROR, "], len[0], timeout:[7], fd[-1]\n"));
+    EXPECT_EQ(2, log.count(LEVEL_ERROR, "Send_n : Send_n failed! buf["));
+    EXPECT_EQ(2, log.count(LEVEL_ERROR, "Recv_n : recv_n failed! buf["));
+    EXPECT_EQ(2, log.count(LEVEL_ERROR, "], len[5], timeout:[7], fd[-1]\n"));
+    EXPECT_EQ(2, log.count(LEVEL_ERROR, "], len[0], timeout:[7], fd[-1]\n"));
 }
 
 TEST(SslStreamWait, SendNSendsWhatDoesNotFitAtOnce) {
@@ -192,7 +192,7 @@ TEST(SslStreamWait, WaitsOnNoSocketFailWithTheirLines) {
     const CLogCapture log;
     char text[10];
     EXPECT_EQ(-1, pair.client.Recv_n(text, sizeof(text), SECOND_US));
-    EXPECT_EQ(1, log.count(ERROR, "Recv_n : Recv_n select failed, fd:-1, errno:"));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "Recv_n : Recv_n select failed, fd:-1, errno:"));
 }
 
 TEST(SslStreamWait, UrgentDataIsAnExceptionWithItsLine) {
@@ -202,12 +202,13 @@ TEST(SslStreamWait, UrgentDataIsAnExceptionWithItsLine) {
     const CLogCapture log;
     char text[10];
     EXPECT_EQ(-1, pair.server.Recv_n(text, sizeof(text), SECOND_US));
-    EXPECT_EQ(1, log.count(ERROR, "Recv_n : Recv_n error, socket exception! fd:" +
-                                      std::to_string(pair.server.GetHandle()) + ", "));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "Recv_n : Recv_n error, socket exception! fd:" +
+                                            std::to_string(pair.server.GetHandle()) + ", "));
     const std::string block(32 * 1024 * 1024, 'b');
     EXPECT_EQ(-1, pair.server.Send_n(block.data(), static_cast<unsigned>(block.size()), SECOND_US));
-    EXPECT_EQ(1, log.count(ERROR, "Send_n : Send_n error, fd:" + std::to_string(pair.server.GetHandle()) +
-                                      ", socket exception! errno:"));
+    EXPECT_EQ(1,
+              log.count(LEVEL_ERROR, "Send_n : Send_n error, fd:" + std::to_string(pair.server.GetHandle()) +
+                                         ", socket exception! errno:"));
 }
 
 TEST(SslStreamWait, AnInterruptedWaitGoesOn) {
