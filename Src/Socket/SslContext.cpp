@@ -14,6 +14,8 @@ namespace Veltro::Ravelo::SslContext {
 namespace {
 
 constexpr int LEAST_SECURITY_LEVEL = 2;
+/// The most errors that a thread's queue keeps.
+constexpr int ERROR_QUEUE_LENGTH = 16;
 
 /// Offers a password to OpenSSL for as long as it lives.
 class CPasswordOffer {
@@ -109,11 +111,21 @@ bool setCipherList(SSL* ssl, const char* list, const char* fallback) {
 }
 
 void printErrors() {
-    // Not ERR_print_errors_fp: a stream of this library may be of another run-time than OpenSSL's.
-    const auto print = [](const char* text, std::size_t length, void*) {
-        return static_cast<int>(std::fwrite(text, 1, length, stderr));
-    };
-    ERR_print_errors_cb(print, nullptr);
+    // Not ERR_print_errors_fp: a stream of this library may be of another run-time than OpenSSL's. Nor
+    // ERR_print_errors_cb: without memory each line that it makes leaves a new error, for ever.
+    for (int i = 0; i < ERROR_QUEUE_LENGTH; ++i) {
+        const char* file = nullptr;
+        const char* function = nullptr;
+        const char* data = nullptr;
+        int line = 0;
+        int flags = 0;
+        const unsigned long error = ERR_get_error_all(&file, &line, &function, &data, &flags);
+        if (error == 0) break;
+        char text[256];
+        ERR_error_string_n(error, text, sizeof(text));
+        std::fprintf(stderr, "%s:%s:%d:%s\n", text, file, line, (flags & ERR_TXT_STRING) != 0 ? data : "");
+    }
+    ERR_clear_error();
 }
 
 bool takeError(char (&text)[256]) {

@@ -62,13 +62,22 @@ struct STlsServer {
     }
     /// Lets clients resume, by SslSession flags.
     void allowSessions(int type) { EXPECT_EQ(0, acceptor.SetOption(Ravelo::SslOptSession, type, nullptr)); }
-    /// Negotiates with a client on a thread of its own. Whether both sides went well.
-    bool serve(Ravelo::CSslStream& server, Ravelo::CSslStream& client) {
+    struct SResults {
         int accepted = -2;
-        CRunner runner([&] { accepted = acceptor.Accept(server); });
-        const int connected = client.Connect(address);
+        int connected = -2;
+    };
+    /// Negotiates with a client, as the server on a thread of its own.
+    SResults negotiate(Ravelo::CSslStream& server, Ravelo::CSslStream& client) {
+        SResults results;
+        CRunner runner([&] { results.accepted = acceptor.Accept(server); });
+        results.connected = client.Connect(address);
         runner.join();
-        return accepted == 0 && connected == 0;
+        return results;
+    }
+    /// The same; whether both sides went well.
+    bool serve(Ravelo::CSslStream& server, Ravelo::CSslStream& client) {
+        const SResults results = negotiate(server, client);
+        return results.accepted == 0 && results.connected == 0;
     }
     /// From now on TLS 1.2 at most. Builds the context by a first connection.
     void limitToTls12() {
@@ -120,11 +129,27 @@ inline int receiveEnd(Ravelo::CSslStream& stream) {
     return received;
 }
 
-/// Empties the process's caches of client sessions, which other tests of a program may have filled: each test
-/// runs in a process of its own, but for a programmer who runs them all at once.
-inline void forgetSessions(const std::string& key) {
-    Ravelo::CSslStream::s_session_cache_id.Remove(key.c_str());
-    Ravelo::CSslStream::s_session_cache_ticket.Remove(key.c_str());
-}
+/// A folder with a certificate chain and a key under the names that SetPemPath() wants; removed at the end.
+class CPemFolder {
+public:
+    /// @param chain, key names of files of the build; empty: the file is missing.
+    CPemFolder(const std::string& chain, const std::string& key, const std::string& name = "ravelo_pem_")
+        : m_path(std::filesystem::temp_directory_path() / (name + std::to_string(std::random_device{}()))) {
+        std::filesystem::create_directory(m_path);
+        if (!chain.empty()) std::filesystem::copy_file(certificate(chain), m_path / "cacert.pem");
+        if (!key.empty()) std::filesystem::copy_file(certificate(key), m_path / "privkey.pem");
+    }
+    ~CPemFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    CPemFolder(const CPemFolder&) = delete;
+    CPemFolder& operator=(const CPemFolder&) = delete;
+
+    std::string path() const { return m_path.string(); }
+
+private:
+    std::filesystem::path m_path;
+};
 
 }  // namespace Veltro::TestSupport
