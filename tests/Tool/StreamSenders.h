@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "Support/Gate.h"
 #include "Support/ScriptedSend.h"
 #include "Support/SockRegistry.h"
 #include "Tool/SendBufferWalk.h"
@@ -70,6 +71,32 @@ private:
     const long m_id;
 };
 
+/// The public pool with one worker to serve it: the others wait in a callback, so that messages arrive in the
+/// order in which they were posted.
+class CLoneWorkerPool {
+public:
+    CLoneWorkerPool() {
+        m_parking->on_message = [this](long, unsigned, long) {
+            m_parked += 1;
+            while (!m_end.pass()) {
+            }
+            return 0;
+        };
+        const unsigned others = Ravelo::CPoolPin(0)->threadCount() - 1;
+        for (unsigned i = 0; i < others; ++i) m_parking->Notify(m_parking->GetID(), 0, 0);
+        EXPECT_TRUE(waitUntil([this, others] { return m_parked == others; }));
+    }
+    ~CLoneWorkerPool() { m_end.open(); }
+    CLoneWorkerPool(const CLoneWorkerPool&) = delete;
+    CLoneWorkerPool& operator=(const CLoneWorkerPool&) = delete;
+
+private:
+    CPublicPool m_pool{1};
+    CGate m_end;
+    std::atomic<unsigned> m_parked{0};
+    CScopedHandler m_parking;
+};
+
 /// A handler that collects the messages that it gets.
 class CMailbox {
 public:
@@ -98,7 +125,7 @@ public:
     bool waitCount(std::size_t wanted) const {
         return waitUntil([this, wanted] { return messages().size() >= wanted; });
     }
-    /// All that have come once one has that is sent now, behind them; needs a pool of one thread.
+    /// All that have come once one has that is sent now, behind them; needs a pool of one worker.
     std::vector<SMessage> all() {
         m_handler->Notify(m_handler->GetID(), END, 0);
         EXPECT_TRUE(waitUntil([this] {
@@ -143,7 +170,7 @@ inline void PrintTo(const CMailbox::SMessage& message, std::ostream* out) {
 /// A sender whose socket takes what the test says, with its owner's mailbox. The reactor never finds the
 /// socket writable: it is one that listens.
 struct SScriptedSender {
-    CPublicPool pool{1};
+    CLoneWorkerPool pool;
     SListener listener;
     Ravelo::CSockStream stream;
     CMailbox owner;
