@@ -109,6 +109,10 @@ public:
 
     CMailbox() {
         m_handler->on_message = [this](long sender, unsigned type, long info) {
+            if (type == END) {
+                m_end.post();
+                return 0;
+            }
             Plinth::CLockGuard guard(m_mutex);
             m_messages.push_back({sender, type, info});
             return 0;
@@ -128,18 +132,15 @@ public:
     /// All that have come once one has that is sent now, behind them; needs a pool of one worker.
     std::vector<SMessage> all() {
         m_handler->Notify(m_handler->GetID(), END, 0);
-        EXPECT_TRUE(waitUntil([this] {
-            const auto seen = messages();
-            return !seen.empty() && seen.back().type == END;
-        }));
+        EXPECT_TRUE(m_end.pend(PATIENCE_MS * 1000));
         Plinth::CLockGuard guard(m_mutex);
-        m_messages.pop_back();
         return std::exchange(m_messages, {});
     }
 
 private:
     static constexpr unsigned END = 1000;
 
+    Plinth::CSemaphore m_end;
     mutable Plinth::CMutex m_mutex;
     std::vector<SMessage> m_messages PLINTH_GUARDED_BY(m_mutex);
     CScopedHandler m_handler;  // goes first: its callbacks use the others
