@@ -109,7 +109,7 @@ int CStreamSender::put_buffer(const char* buf, unsigned int len, int already_sen
     return 0;
 }
 
-/// Puts a block while nothing is queued.
+/// Sends a block while nothing is queued. @return bytes sent; -1 failed, and reported.
 int CStreamSender::send_first(const char* buf, unsigned int len) PLINTH_REQUIRES(m_internal->mutex) {
     RAVELO_ASSERT(SockWrite::isStream(m_internal->m_stream_type));
     const int sent = SockWrite::send(*m_internal->m_stream, buf, len);
@@ -119,15 +119,18 @@ int CStreamSender::send_first(const char* buf, unsigned int len) PLINTH_REQUIRES
     }
     m_internal->m_counters.bytes_taken += static_cast<std::uint32_t>(sent);
     m_internal->m_counters.bytes_sent += static_cast<std::uint32_t>(sent);
-    if (static_cast<std::uint32_t>(sent) == len) return 0;
-    // Without the rest the stream cannot go on: to the application that is a failed socket.
+    return sent;
+}
+
+/// Keeps the rest of a block and waits for room. Without either the stream cannot go on: to the application
+/// that is a failed socket.
+int CStreamSender::keep_rest(const char* buf, unsigned int len, int sent) PLINTH_REQUIRES(m_internal->mutex) {
     if (put_buffer(buf, len, sent) != 0) {
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : no memory for the rest of a block, len:%u, sent:%d\n",
                         "Veltro::Ravelo::CStreamSender::Put", len, sent);
-        report_exception();
-        return -1;
+    } else if (m_internal->m_owner->RegisterSock(*m_internal->m_stream, EventMask::Write, 0) == 0) {
+        return 0;
     }
-    if (m_internal->m_owner->RegisterSock(*m_internal->m_stream, EventMask::Write, 0) == 0) return 0;
     report_exception();
     return -1;
 }
@@ -177,15 +180,18 @@ int CStreamSender::Put(const char* buf, unsigned int len) {
     R3Trace::senderPut(*this, len, *m_stream);
     if (len == 0) return 0;
 
-    SCounters& counters = m_internal->m_counters;
     if (m_internal->m_buffer.length() == 0) {
-        hold.take(m_internal->m_owner);
-        if (send_first(buf, len) != 0) return -1;
+        const int sent = send_first(buf, len);
+        if (sent < 0) return -1;
+        if (static_cast<std::uint32_t>(sent) < len) {
+            hold.take(m_internal->m_owner);
+            if (keep_rest(buf, len, sent) != 0) return -1;
+        }
     } else if (m_internal->m_buffer.free() < len || put_buffer(buf, len, 0) != 0) {
-        counters.refused_puts += 1;
+        m_internal->m_counters.refused_puts += 1;
         return -1;
     }
-    counters.puts += 1;
+    m_internal->m_counters.puts += 1;
     return 0;
 }
 

@@ -1,4 +1,4 @@
-"""Benchmarks that run inside one process: messages, timers and texts."""
+"""Benchmarks that need no load generator: messages, timers, texts and senders."""
 
 from . import table
 from .process import run_json
@@ -18,6 +18,9 @@ TIMER_BASE = "libevent"
 TICK_PERIOD_US = 10_000
 PARSER_BASE = "memchr"
 PARSERS = {"http": ["memchr", "ravelo", "httpparser"], "sdp": ["memchr", "ravelo"]}
+SENDERS = ["raw", "ravelo", "evbuffer", "bufferevent"]
+SENDER_BASE = "raw"
+BLOCKS = [100, 1400, 4096, 16384, 65536]
 TEXTS = {"http": "HTTP request, 1 KiB", "sdp": "session description, 2 KiB"}
 
 
@@ -111,3 +114,21 @@ def run_parsers(programs, options):
         table.show([title, "ns per text (min .. max)", "ratio"],
                    [[name, table.spread(_values(runs, name, "ns")),
                      table.ratio(_values(runs, name, "ns"), _values(runs, PARSER_BASE, "ns"))] for name in parsers])
+
+
+def run_senders(programs, options):
+    senders = _built(programs, "sender", SENDERS, SENDER_BASE)
+    print("== sender: ratios are to send() and poll()\n")
+    for size in BLOCKS if senders else ():
+        runs = _rounds(senders, options.rounds,
+                       lambda name: run_json([programs / f"sender_{name}", size, options.seconds / 2], BOTH, 60))
+        table.show([f"blocks of {size:,} B", "MB/s (min .. max)", "ratio", "CPU us/MB (min .. max)", "ratio"],
+                   [_sender_line(runs, name) for name in senders])
+
+
+def _sender_line(runs, name):
+    line = [name]
+    for key in ("mb_per_second", "cpu_us_per_mb"):
+        line += [table.spread(_values(runs, name, key)),
+                 table.ratio(_values(runs, name, key), _values(runs, SENDER_BASE, key))]
+    return line

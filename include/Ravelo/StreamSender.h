@@ -12,8 +12,8 @@ struct SStreamSenderRecord;
 /// A sender works for an owner, the handler under which the socket is registered, and registers the socket
 /// for Write there while it keeps bytes. The reactor calls the owner, whose handle_output() forwards:
 /// `return m_sender->handle_output(fd);`. Attach(), then Put() any number of times; Detach() before the
-/// socket is used elsewhere, closed, or the sender ended; Close() ends the sender, and what it still keeps is
-/// lost.
+/// socket is used elsewhere or closed. Detach() and then Close() it in the owner's handle_close(), or else
+/// once no callback of the socket runs any more; what it still keeps is lost.
 ///
 /// A handler of the public pool itself; its messages come in its own name. Every operation may be called from
 /// any thread and none blocks.
@@ -108,6 +108,7 @@ private:
 
     // With the record locked.
     int send_first(const char* buf, unsigned int len);
+    int keep_rest(const char* buf, unsigned int len, int sent);
     int put_buffer(const char* buf, unsigned int len, int already_sent);
     void send_queued();
     void check_buffer_free();

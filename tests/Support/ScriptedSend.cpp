@@ -46,6 +46,14 @@ std::string CScriptedSend::take() {
     return std::exchange(m_taken, {});
 }
 
+std::size_t CScriptedSend::takeAs(std::string_view text, bool* as) {
+    Plinth::CLockGuard guard(m_mutex);
+    *as = text.substr(0, m_taken.size()) == m_taken;
+    const std::size_t length_bytes = m_taken.size();
+    m_taken.clear();  // and keep its memory
+    return length_bytes;
+}
+
 int CScriptedSend::sends() const {
     Plinth::CLockGuard guard(m_mutex);
     return m_sends;

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace Veltro::TestSupport {
 
@@ -25,6 +26,10 @@ public:
     void setFailing(bool failing);
     /// The bytes that it has taken since the last call.
     std::string take();
+    /// Forgets the bytes that it has taken since the last call. @param as receives whether a text begins with
+    /// them.
+    /// @return how many they were.
+    std::size_t takeAs(std::string_view text, bool* as);
     /// How many calls there were since it was made: single ones, gathered ones.
     int sends() const;
     int gatheredSends() const;

@@ -24,7 +24,7 @@ struct StreamSenderNotify : ::testing::Test, SScriptedSender {
     CMailbox::SMessage finish() const { return message(NOTIFY_SEND_FINISH, 0); }
     /// Sends bytes; which handlers get a message each for that, in the order in which they get it.
     std::vector<long> whoIsTold(const std::vector<CMailbox*>& boxes, std::size_t room_bytes) {
-        std::vector<long> order;  // by the pool's only thread, until the last one is in
+        std::vector<long> order;  // by the pool's one worker, until the last one is in
         std::atomic<std::size_t> count{0};
         for (CMailbox* box : boxes) {
             box->handler()->on_message = [&, id = box->id()](long, unsigned, long) {

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "Support/Gate.h"
 #include "Support/ScriptedSend.h"
 #include "Support/SockRegistry.h"
 #include "Tool/SendBufferWalk.h"
@@ -70,6 +71,32 @@ private:
     const long m_id;
 };
 
+/// The public pool with one worker to serve it: the others wait in a callback, so that messages arrive in the
+/// order in which they were posted.
+class CLoneWorkerPool {
+public:
+    CLoneWorkerPool() {
+        m_parking->on_message = [this](long, unsigned, long) {
+            m_parked += 1;
+            while (!m_end.pass()) {
+            }
+            return 0;
+        };
+        const unsigned others = Ravelo::CPoolPin(0)->threadCount() - 1;
+        for (unsigned i = 0; i < others; ++i) m_parking->Notify(m_parking->GetID(), 0, 0);
+        EXPECT_TRUE(waitUntil([this, others] { return m_parked == others; }));
+    }
+    ~CLoneWorkerPool() { m_end.open(); }
+    CLoneWorkerPool(const CLoneWorkerPool&) = delete;
+    CLoneWorkerPool& operator=(const CLoneWorkerPool&) = delete;
+
+private:
+    CPublicPool m_pool{1};
+    CGate m_end;
+    std::atomic<unsigned> m_parked{0};
+    CScopedHandler m_parking;
+};
+
 /// A handler that collects the messages that it gets.
 class CMailbox {
 public:
@@ -82,6 +109,10 @@ public:
 
     CMailbox() {
         m_handler->on_message = [this](long sender, unsigned type, long info) {
+            if (type == END) {
+                m_end.post();
+                return 0;
+            }
             Plinth::CLockGuard guard(m_mutex);
             m_messages.push_back({sender, type, info});
             return 0;
@@ -98,21 +129,18 @@ public:
     bool waitCount(std::size_t wanted) const {
         return waitUntil([this, wanted] { return messages().size() >= wanted; });
     }
-    /// All that have come once one has that is sent now, behind them; needs a pool of one thread.
+    /// All that have come once one has that is sent now, behind them; needs a pool of one worker.
     std::vector<SMessage> all() {
         m_handler->Notify(m_handler->GetID(), END, 0);
-        EXPECT_TRUE(waitUntil([this] {
-            const auto seen = messages();
-            return !seen.empty() && seen.back().type == END;
-        }));
+        EXPECT_TRUE(m_end.pend(PATIENCE_MS * 1000));
         Plinth::CLockGuard guard(m_mutex);
-        m_messages.pop_back();
         return std::exchange(m_messages, {});
     }
 
 private:
     static constexpr unsigned END = 1000;
 
+    Plinth::CSemaphore m_end;
     mutable Plinth::CMutex m_mutex;
     std::vector<SMessage> m_messages PLINTH_GUARDED_BY(m_mutex);
     CScopedHandler m_handler;  // goes first: its callbacks use the others
@@ -143,7 +171,7 @@ inline void PrintTo(const CMailbox::SMessage& message, std::ostream* out) {
 /// A sender whose socket takes what the test says, with its owner's mailbox. The reactor never finds the
 /// socket writable: it is one that listens.
 struct SScriptedSender {
-    CPublicPool pool{1};
+    CLoneWorkerPool pool;
     SListener listener;
     Ravelo::CSockStream stream;
     CMailbox owner;
