@@ -30,6 +30,9 @@ constexpr int IPV6_FALLBACK_BYTES = 1280;
 /// of a record.
 constexpr int MOST_BYTES = 1500;
 
+/// What OpenSSL forgets when it fills a datagram: nonce and tag of an encrypted record.
+constexpr int SEAL_BYTES = 24;
+
 constexpr std::int64_t HOUR_US = INT64_C(3'600'000'000);
 
 SState& stateOf(const BIO* bio) {
@@ -43,13 +46,14 @@ int overheadBytes(int family) {
 }
 
 int fallbackMtu(int family) {
-    return (family == AF_INET6 ? IPV6_FALLBACK_BYTES : IPV4_FALLBACK_BYTES) - overheadBytes(family);
+    const int path_bytes = family == AF_INET6 ? IPV6_FALLBACK_BYTES : IPV4_FALLBACK_BYTES;
+    return path_bytes - overheadBytes(family) - SEAL_BYTES;
 }
 
 int currentMtu(const SState& state) {
     const int path_bytes = SocketApi::pathMtu(state.fd, state.family);
     if (path_bytes <= 0) return fallbackMtu(state.family);
-    return std::min(path_bytes, MOST_BYTES) - overheadBytes(state.family);
+    return std::min(path_bytes, MOST_BYTES) - overheadBytes(state.family) - SEAL_BYTES;
 }
 
 bool isSameEndpoint(const sockaddr_in6& one, const sockaddr_in6& other) {

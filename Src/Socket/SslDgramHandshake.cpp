@@ -55,6 +55,16 @@ TDtlsConnection newConnection(SSL_CTX* ctx, BIO* bio) {
     return ssl;
 }
 
+/// Negotiates to the end. A change of cipher that overtakes what comes before it makes OpenSSL ask for
+/// another call, whatever its reads wait for.
+int negotiate(SSL* ssl) {
+    int result = 0;
+    do {
+        result = SSL_do_handshake(ssl);
+    } while (result < 1 && SSL_get_error(ssl, result) == SSL_ERROR_WANT_READ);
+    return result;
+}
+
 CSessionCache& clientSessions(int session_type) {
     return (session_type & SslSessionId) != 0 ? CSslDgram::s_cli_sess_cache_id
                                               : CSslDgram::s_cli_sess_cache_ticket;
@@ -110,8 +120,7 @@ int CSslDgram::accept(const CSockAddr* remote) {
     if (option_valid() != 0) return -1;
     const bool had_client = own.m_ssl != nullptr;
     end_connection();
-    // The socket is connected to him still.
-    if (had_client) SocketApi::disconnect(m_fd, ownAddress(m_fd).sin6_family);
+    if (had_client) leave_client();
     if (remote != nullptr && own.m_dgram->SetRemote(remote) != 0) {
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "DTLS Server SetRemote failed!\n");
         return -1;
@@ -121,13 +130,20 @@ int CSslDgram::accept(const CSockAddr* remote) {
     SSL_CTX_set_options(own.m_ctx.get(), SSL_OP_CIPHER_SERVER_PREFERENCE);
     if (init_accept_ssl(remote) != 0) return -1;
     if (!choose_ciphers()) RAVELO_LOG_THIS(Plinth::LOG_LEVEL_WARNING, "Cipher List Rule Set Wrong!\n");
-    const SDtlsOutcome accepted = callDtls(&own, m_fd, SSL_accept);
+    const SDtlsOutcome accepted = callDtls(&own, m_fd, negotiate);
     if (accepted.result >= 1) return finish_handshake();
     RAVELO_LOG_THIS(Plinth::LOG_LEVEL_WARNING, "SSL_accept error:%d  ret:%d, fd[%d], errno:%d, %s\n",
                     accepted.ssl_error, accepted.result, m_fd, accepted.socket_error,
                     SocketApi::errorText(accepted.socket_error).data());
     log_state();
     return -1;
+}
+
+void CSslDgram::leave_client() {
+    SocketApi::disconnect(m_fd, ownAddress(m_fd).sin6_family);
+    // That his port was closed already is no news for the next one's handshake.
+    int error = 0;
+    SocketApi::getOption(m_fd, SOL_SOCKET, SO_ERROR, &error);
 }
 
 int CSslDgram::init_accept_ssl(const CSockAddr* remote) {
@@ -176,7 +192,7 @@ int CSslDgram::connect(const CSockAddr& remote, const CSockAddr* local, char* ip
     }
     const int port = (own.m_session_option & BY_IP_ONLY) != 0 ? -1 : addressPort(remote);
     set_session(own.m_ssl.get(), ip, port);
-    const SDtlsOutcome connected = callDtls(&own, m_fd, SSL_connect);
+    const SDtlsOutcome connected = callDtls(&own, m_fd, negotiate);
     if (connected.result == 1) {
         finish_handshake();
         save_session(own.m_ssl.get(), ip, port);
@@ -203,7 +219,10 @@ int CSslDgram::init_connect_ssl(const CSockAddr& remote) {
     sockaddr_in6 peer{};
     remote.GetAddr(reinterpret_cast<sockaddr*>(&peer));
     own.m_ssl = newConnection(own.m_ctx.get(), SslDgramBio::create(m_fd, family, peer, remote.GetAddrLen()));
-    if (own.m_ssl != nullptr) return 0;
+    if (own.m_ssl != nullptr) {
+        SSL_set_connect_state(own.m_ssl.get());
+        return 0;
+    }
     const int error = SocketApi::lastError();
     RAVELO_LOG_THIS(Plinth::LOG_LEVEL_WARNING, "%s : SSL_new failed, fd[%d], error:%d, %s\n", __func__, m_fd,
                     error, SocketApi::errorText(error).data());

@@ -61,7 +61,7 @@ public:
     /// @return -1 also if there is a socket already, which stays as it is.
     int Open(const CSockAddr* local, bool reuse);
     /// Waits for a client on the socket that Open() made and negotiates. On an object that has a connection
-    /// it ends that one and waits for the next.
+    /// it ends that one and waits for the next; who came in between was refused.
     /// @param remote the only client that is heard; null is the first one who asks.
     /// @return on failure the socket is closed; Open() comes first again.
     int AcceptX(const CSockAddr* remote);
@@ -103,6 +103,7 @@ private:
     ssl_ctx_st* certificate_setup(ssl_ctx_st* ctx);
     int session_setup(ssl_ctx_st* ctx, int is_server);
     int accept(const CSockAddr* remote);
+    void leave_client();
     int init_accept_ssl(const CSockAddr* remote);
     int init_connect_ssl(const CSockAddr& remote);
     int set_session(ssl_st* ssl, char* ip, int port);

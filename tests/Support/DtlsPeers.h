@@ -19,16 +19,23 @@
 
 namespace Veltro::TestSupport {
 
-/// While it lives, handshakes repeat soon, and give up on a silent peer after about two seconds.
+/// While it lives, handshakes repeat soon, and give up on a silent peer after about two seconds, or less.
 class CQuickDtls {
 public:
-    CQuickDtls() { Ravelo::setDtlsTimer(next); }
+    /// @param most_us the longest wait; the first one is at most 50 ms.
+    explicit CQuickDtls(unsigned most_us = 200'000) {
+        s_most_us = most_us;
+        Ravelo::setDtlsTimer(next);
+    }
     ~CQuickDtls() { Ravelo::setDtlsTimer(nullptr); }
     CQuickDtls(const CQuickDtls&) = delete;
     CQuickDtls& operator=(const CQuickDtls&) = delete;
 
 private:
-    static unsigned next(unsigned last_us) { return last_us == 0 ? 50'000 : std::min(last_us * 2, 200'000U); }
+    static unsigned next(unsigned last_us) {
+        return std::min(last_us == 0 ? 50'000 : last_us * 2, s_most_us.load());
+    }
+    static inline std::atomic<unsigned> s_most_us{0};
 };
 
 /// A certificate object for SslOptCert: a certificate of the build with what stands between it and the root,
