@@ -31,6 +31,7 @@ using TCertificateList = std::unique_ptr<STACK_OF(X509), SFreeBy<freeCertificate
 using TPrivateKey = std::unique_ptr<EVP_PKEY, SFreeBy<EVP_PKEY_free>>;
 using TRevocationList = std::unique_ptr<X509_CRL, SFreeBy<X509_CRL_free>>;
 using TSession = std::unique_ptr<SSL_SESSION, SFreeBy<SSL_SESSION_free>>;
+using TSslConnection = std::unique_ptr<SSL, SFreeBy<SSL_free>>;
 using TSslContext = std::unique_ptr<SSL_CTX, SFreeBy<SSL_CTX_free>>;
 
 /// Takes away again what the calls of its life leave in the thread's error queue, so that none of it ends

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "Socket/SslX509Record.h"
 
@@ -15,6 +14,8 @@ namespace Veltro::Ravelo::SslContext {
 namespace {
 
 constexpr int LEAST_SECURITY_LEVEL = 2;
+/// The most errors that a thread's queue keeps.
+constexpr int ERROR_QUEUE_LENGTH = 16;
 
 /// Offers a password to OpenSSL for as long as it lives.
 class CPasswordOffer {
@@ -110,44 +111,27 @@ bool setCipherList(SSL* ssl, const char* list, const char* fallback) {
 }
 
 void printErrors() {
-    // Not ERR_print_errors_fp: a stream of this library may be of another run-time than OpenSSL's.
-    const auto print = [](const char* text, std::size_t length, void*) {
-        return static_cast<int>(std::fwrite(text, 1, length, stderr));
-    };
-    ERR_print_errors_cb(print, nullptr);
+    // Not ERR_print_errors_fp: a stream of this library may be of another run-time than OpenSSL's. Nor
+    // ERR_print_errors_cb: without memory each line that it makes leaves a new error, for ever.
+    for (int i = 0; i < ERROR_QUEUE_LENGTH; ++i) {
+        const char* file = nullptr;
+        const char* function = nullptr;
+        const char* data = nullptr;
+        int line = 0;
+        int flags = 0;
+        const unsigned long error = ERR_get_error_all(&file, &line, &function, &data, &flags);
+        if (error == 0) break;
+        char text[256];
+        ERR_error_string_n(error, text, sizeof(text));
+        std::fprintf(stderr, "%s:%s:%d:%s\n", text, file, line, (flags & ERR_TXT_STRING) != 0 ? data : "");
+    }
+    ERR_clear_error();
 }
 
 bool takeError(char (&text)[256]) {
     const unsigned long error = ERR_get_error();
-    if (error == 0) return false;
     ERR_error_string_n(error, text, sizeof(text));
-    return true;
-}
-
-int copyText(std::unique_ptr<char[]>* to, const char* text) {
-    return copyText(to, text, text != nullptr ? static_cast<int>(std::strlen(text)) : 0);
-}
-
-int copyText(std::unique_ptr<char[]>* to, const char* text, int length) {
-    to->reset();
-    if (text == nullptr || length < 0) return -1;
-    const auto size = static_cast<std::size_t>(length);
-    to->reset(new (std::nothrow) char[size + 1]());
-    if (*to == nullptr) return -1;
-    std::copy(text, std::find(text, text + size, '\0'), to->get());
-    return 0;
-}
-
-int copyBytes(std::unique_ptr<char[]>* to, int* length, const void* bytes, int count) {
-    to->reset();
-    *length = 0;
-    if (bytes == nullptr || count < 0) return -1;
-    const auto size = static_cast<std::size_t>(count);
-    to->reset(new (std::nothrow) char[size + 1]());
-    if (*to == nullptr) return -1;
-    std::memcpy(to->get(), bytes, size);
-    *length = count;
-    return 0;
+    return error != 0;
 }
 
 }  // namespace Veltro::Ravelo::SslContext

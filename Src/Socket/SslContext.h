@@ -2,8 +2,6 @@
 // class logs failures itself, with texts of its own.
 #pragma once
 
-#include <memory>
-
 #include "Socket/OpenSslTypes.h"
 
 namespace Veltro::Ravelo {
@@ -57,17 +55,9 @@ bool setCipherList(SSL* ssl, const char* list, const char* fallback);
 
 /// Prints the thread's error queue to standard error, and empties it.
 void printErrors();
-/// Takes the oldest error off the thread's queue. @return false if there is none.
-/// @param text its text.
+/// Takes the oldest error off the thread's queue.
+/// @param text its text; that of error 0 if there is none. @return whether there was one.
 bool takeError(char (&text)[256]);
-
-/// Copies a NUL-terminated text into a zero-filled buffer of its length plus one. @return 0; -1 without
-/// memory, or if it is null: then `to` is null.
-int copyText(std::unique_ptr<char[]>* to, const char* text);
-/// Copies up to a number of bytes, or up to a text's NUL, into a zero-filled buffer of that number plus one.
-int copyText(std::unique_ptr<char[]>* to, const char* text, int length);
-/// Copies bytes. @param length receives their number, 0 on failure.
-int copyBytes(std::unique_ptr<char[]>* to, int* length, const void* bytes, int count);
 
 }  // namespace SslContext
 

@@ -13,6 +13,7 @@ class CSockStream;
 class CSslStream;
 class CSslX509;
 struct SSslAcceptorRecord;
+struct SSslOutcome;
 
 /// A TLS listening socket: accepts TCP connections, negotiates as their server and hands them over as
 /// CSslStream objects. It needs a certificate, from SetPemPath() or SslOptCert.
@@ -85,11 +86,13 @@ private:
     ssl_ctx_st* init_ssl_ctx();
     ssl_ctx_st* certificate_setup(ssl_ctx_st* ctx);
     void session_setup(ssl_ctx_st* ctx);
+    ssl_ctx_st* use_pem_files(ssl_ctx_st* ctx, const char* function);
     void protocol_ban(ssl_ctx_st* ctx);
     void key_exchange_setup(ssl_ctx_st* ctx);
     ssl_st* init_ssl(int fd);
     int set_sock_timeout(int fd, int send_t, int recv_t);
-    int handshake(ssl_st* ssl, CSockStream& stream);
+    CSockStream* wait_for_client(CSockAddr* remote);
+    SSslOutcome handshake(ssl_st* ssl, CSockStream& stream);
 
     SSslAcceptorRecord* m_internal;
 };

@@ -18,8 +18,8 @@ struct SSslStreamRecord;
 /// not wait) or without (Send_n, Recv_n).
 ///
 /// A client gets one by Connect(), a server from CSslAcceptor; either way the socket is non-blocking from
-/// then on. Single calls return a positive count, 0 for "try again later", or -1 after log lines; none of
-/// them raises a signal. One object is used by one thread at a time.
+/// then on, and small sends leave at once. Single calls return a positive count, 0 for "try again later", or
+/// -1 after log lines; none of them raises a signal. One object is used by one thread at a time.
 ///
 /// The reactor reports what arrives at the socket, and one arrival may bring more than one Recv() takes:
 /// whoever hears of input calls Recv() until it returns 0 or -1, for bytes that wait decrypted inside the
@@ -138,7 +138,6 @@ private:
     int set_sock_timeout(int fd, int send_t, int recv_t);
     int set_session(ssl_st* ssl, CSockStream* stream);
     int save_session(ssl_st* ssl, CSockStream* stream);
-    void choose_ciphers();
     void send_server_name();
     int handshake(CSockStream* stream);
 

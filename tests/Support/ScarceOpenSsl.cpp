@@ -35,15 +35,19 @@ void release(void* block, const char*, int) {
     std::free(block);
 }
 
-// OpenSSL takes other functions only before its first allocation.
-const bool s_installed = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1;
+struct SInstallation {
+    bool succeeded = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1;
+};
+
+// OpenSSL takes other functions only before its first allocation, which statics of the library may make.
+[[gnu::init_priority(101)]] const SInstallation s_installation;
 
 }  // namespace
 
 namespace Veltro::TestSupport {
 
 CScarceOpenSsl::CScarceOpenSsl(int allocations_left) {
-    EXPECT_TRUE(s_installed);
+    EXPECT_TRUE(s_installation.succeeded);
     t_failed = false;
     t_left = allocations_left;
 }
