@@ -58,6 +58,13 @@ int getOption(int fd, int level, int name, int* value);
 int setReceiveTimeout(int fd, int timeout_ms);
 int setSendTimeout(int fd, int timeout_ms);
 
+/// Lets a datagram socket of a family find out what the path carries: a longer datagram then fails instead of
+/// travelling in pieces. The result is the system's.
+int discoverPathMtu(int fd, int family);
+/// The bytes that the path of a connected socket of a family carries in one packet, headers included; -1 if
+/// the system does not know.
+int pathMtu(int fd, int family);
+
 /// The calling thread's last socket error: errno, or WSAGetLastError().
 int lastError();
 void setLastError(int error);
@@ -67,6 +74,8 @@ bool isInterrupted(int error);
 /// A non-blocking connect is under way.
 bool isConnecting(int error);
 bool isReset(int error);
+/// A datagram was longer than the path carries or, on Windows, than the buffer for it.
+bool isTooLong(int error);
 /// No descriptors or memory left for a new socket (accept must not be tried again at once).
 bool isOutOfDescriptors(int error);
 /// The number of "connection reset by peer" on this platform.

@@ -225,6 +225,18 @@ int setSendTimeout(int fd, int timeout_ms) {
     return setOption(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
 }
 
+int discoverPathMtu(int fd, int family) {
+    if (family == AF_INET6) return setOption(fd, IPPROTO_IPV6, IPV6_MTU_DISCOVER, IPV6_PMTUDISC_DO);
+    return setOption(fd, IPPROTO_IP, IP_MTU_DISCOVER, IP_PMTUDISC_DO);
+}
+
+int pathMtu(int fd, int family) {
+    int bytes = 0;
+    const int result = family == AF_INET6 ? getOption(fd, IPPROTO_IPV6, IPV6_MTU, &bytes)
+                                          : getOption(fd, IPPROTO_IP, IP_MTU, &bytes);
+    return result == 0 ? bytes : -1;
+}
+
 int lastError() {
     return errno;
 }
@@ -247,6 +259,10 @@ bool isConnecting(int error) {
 
 bool isReset(int error) {
     return error == ECONNRESET;
+}
+
+bool isTooLong(int error) {
+    return error == EMSGSIZE;
 }
 
 bool isOutOfDescriptors(int error) {

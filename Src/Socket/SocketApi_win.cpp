@@ -187,6 +187,18 @@ int setSendTimeout(int fd, int timeout_ms) {
     return setOption(fd, SOL_SOCKET, SO_SNDTIMEO, std::max(timeout_ms, 0));
 }
 
+int discoverPathMtu(int fd, int family) {
+    if (family == AF_INET6) return setOption(fd, IPPROTO_IPV6, IPV6_DONTFRAG, 1);
+    return setOption(fd, IPPROTO_IP, IP_DONTFRAGMENT, 1);
+}
+
+int pathMtu(int fd, int family) {
+    int bytes = 0;
+    const int result = family == AF_INET6 ? getOption(fd, IPPROTO_IPV6, IPV6_MTU, &bytes)
+                                          : getOption(fd, IPPROTO_IP, IP_MTU, &bytes);
+    return result == 0 && bytes > 0 ? bytes : -1;
+}
+
 int lastError() {
     return WSAGetLastError();
 }
@@ -209,6 +221,10 @@ bool isConnecting(int error) {
 
 bool isReset(int error) {
     return error == WSAECONNRESET;
+}
+
+bool isTooLong(int error) {
+    return error == WSAEMSGSIZE;
 }
 
 bool isOutOfDescriptors(int error) {

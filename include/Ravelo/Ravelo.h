@@ -18,6 +18,7 @@
 #include <Ravelo/SockDgram.h>
 #include <Ravelo/SockStream.h>
 #include <Ravelo/SslAcceptor.h>
+#include <Ravelo/SslDgram.h>
 #include <Ravelo/SslOption.h>
 #include <Ravelo/SslStream.h>
 #include <Ravelo/SslX509.h>

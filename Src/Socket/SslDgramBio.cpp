@@ -1,0 +1,230 @@
+#include "Socket/SslDgramBio.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "Socket/SockAddrSystem.h"
+
+namespace Veltro::Ravelo::SslDgramBio {
+
+namespace {
+
+struct SState {
+    int fd = -1;
+    int family = AF_INET;
+    sockaddr_in6 peer{};
+    int peer_length = 0;  ///< 0: no peer yet
+    bool is_connected = false;
+    SSL* timer = nullptr;  ///< whose timer the reads follow
+    int error = 0;
+};
+
+/// What a datagram may hold where nothing is known of the path; every path must carry as much.
+constexpr int IPV4_FALLBACK_BYTES = 576;
+constexpr int IPV6_FALLBACK_BYTES = 1280;
+/// Ethernet's. Longer handshake datagrams gain nothing, and OpenSSL cuts those above 4096 bytes in the middle
+/// of a record.
+constexpr int MOST_BYTES = 1500;
+
+/// What OpenSSL forgets when it fills a datagram: nonce and tag of an encrypted record.
+constexpr int SEAL_BYTES = 24;
+
+constexpr std::int64_t HOUR_US = INT64_C(3'600'000'000);
+
+SState& stateOf(const BIO* bio) {
+    // The getter asks for what it does not change.
+    return *static_cast<SState*>(BIO_get_data(const_cast<BIO*>(bio)));
+}
+
+/// What the headers of IP and UDP take of a datagram.
+int overheadBytes(int family) {
+    return family == AF_INET6 ? 48 : 28;
+}
+
+int fallbackMtu(int family) {
+    const int path_bytes = family == AF_INET6 ? IPV6_FALLBACK_BYTES : IPV4_FALLBACK_BYTES;
+    return path_bytes - overheadBytes(family) - SEAL_BYTES;
+}
+
+int currentMtu(const SState& state) {
+    const int path_bytes = SocketApi::pathMtu(state.fd, state.family);
+    if (path_bytes <= 0) return fallbackMtu(state.family);
+    return std::min(path_bytes, MOST_BYTES) - overheadBytes(state.family) - SEAL_BYTES;
+}
+
+bool isSameEndpoint(const sockaddr_in6& one, const sockaddr_in6& other) {
+    if (one.sin6_family != other.sin6_family || systemPort(one) != systemPort(other)) return false;
+    if (one.sin6_family == AF_INET) return asIPv4(one).sin_addr.s_addr == asIPv4(other).sin_addr.s_addr;
+    return std::memcmp(&one.sin6_addr, &other.sin6_addr, sizeof(one.sin6_addr)) == 0;
+}
+
+/// Whether a datagram begins with a handshake record, before any encryption, whose message is a ClientHello.
+bool isClientHello(const unsigned char* bytes, int length) {
+    constexpr int HEADERS_BYTES = 13 + 12;
+    return length >= HEADERS_BYTES && bytes[0] == SSL3_RT_HANDSHAKE && bytes[1] == DTLS1_VERSION_MAJOR &&
+           bytes[3] == 0 && bytes[4] == 0 && bytes[13] == SSL3_MT_CLIENT_HELLO;
+}
+
+/// Whether a datagram is the peer's; whoever says hello first becomes the peer if there is none yet.
+bool isFromPeer(SState& state, const sockaddr_in6& from, int from_length, const char* bytes, int length) {
+    if (state.peer_length != 0) return isSameEndpoint(from, state.peer);
+    if (!isClientHello(reinterpret_cast<const unsigned char*>(bytes), length)) return false;
+    state.peer = from;
+    state.peer_length = from_length;
+    // The system then keeps others' datagrams for other sockets of this port, and tells of a closed one.
+    const auto* address = reinterpret_cast<const sockaddr*>(&from);
+    state.is_connected = SocketApi::connect(state.fd, address, from_length) == 0;
+    return true;
+}
+
+/// Waits for a datagram during a handshake; false when it is time to repeat what was sent.
+bool waitInTime(SState& state) {
+    while (state.timer != nullptr) {
+        timeval left{};
+        std::int64_t left_us = HOUR_US;
+        if (DTLSv1_get_timeout(state.timer, &left) == 1) {
+            left_us = std::int64_t{left.tv_sec} * 1'000'000 + left.tv_usec;
+            if (left_us <= 0) return false;
+        }
+        unsigned ready = 0;
+        const int waited = SocketApi::waitOne(state.fd, SocketApi::WAIT_READ, left_us, &ready);
+        // An error shows when the socket is read.
+        if (waited > 0 || (waited < 0 && !SocketApi::isInterrupted(SocketApi::lastError()))) return true;
+    }
+    return true;
+}
+
+int read(BIO* bio, char* buffer, int length) {
+    SState& state = stateOf(bio);
+    BIO_clear_retry_flags(bio);
+    for (;;) {
+        state.error = 0;
+        if (!waitInTime(state)) {
+            BIO_set_retry_read(bio);
+            return -1;
+        }
+        sockaddr_in6 from{};
+        int from_length = SYSTEM_ADDRESS_BYTES;
+        auto* address = reinterpret_cast<sockaddr*>(&from);
+        const int received =
+            SocketApi::recvFrom(state.fd, buffer, static_cast<unsigned>(length), address, &from_length);
+        // An empty datagram says nothing, and would pass for the stream's end.
+        if (received > 0 && isFromPeer(state, from, from_length, buffer, received)) return received;
+        if (received >= 0) continue;
+        state.error = SocketApi::lastError();
+        // A datagram that does not fit is no DTLS. On Linux it is one of ours that did not fit the path.
+        if (SocketApi::isInterrupted(state.error) || SocketApi::isTooLong(state.error)) continue;
+        if (SocketApi::isTryAgain(state.error)) BIO_set_retry_read(bio);
+        return -1;
+    }
+}
+
+int sendOnce(SState& state, const char* data, unsigned length) {
+    if (state.is_connected) return SocketApi::send(state.fd, data, length);
+    const auto* address = reinterpret_cast<const sockaddr*>(&state.peer);
+    return SocketApi::sendTo(state.fd, data, length, address, state.peer_length);
+}
+
+int write(BIO* bio, const char* data, int length) {
+    SState& state = stateOf(bio);
+    BIO_clear_retry_flags(bio);
+    for (;;) {
+        const int sent = sendOnce(state, data, static_cast<unsigned>(length));
+        state.error = sent < 0 ? SocketApi::lastError() : 0;
+        if (sent >= 0) return sent;
+        if (SocketApi::isInterrupted(state.error)) continue;
+        // OpenSSL tries shorter ones when it has repeated a few times in vain.
+        if (state.timer != nullptr && SocketApi::isTooLong(state.error)) return length;
+        if (SocketApi::isTryAgain(state.error)) BIO_set_retry_write(bio);
+        return sent;
+    }
+}
+
+long control(BIO* bio, int command, long, void* pointer) {
+    const SState& state = stateOf(bio);
+    switch (command) {
+        case BIO_CTRL_FLUSH:
+        case BIO_CTRL_DUP:
+            return 1;
+        case BIO_C_GET_FD:
+            if (pointer != nullptr) *static_cast<int*>(pointer) = state.fd;
+            return state.fd;
+        case BIO_CTRL_DGRAM_QUERY_MTU:
+            return currentMtu(state);
+        case BIO_CTRL_DGRAM_GET_FALLBACK_MTU:
+            return fallbackMtu(state.family);
+        case BIO_CTRL_DGRAM_GET_MTU_OVERHEAD:
+            return overheadBytes(state.family);
+        default:
+            return 0;
+    }
+}
+
+int destroy(BIO* bio) {
+    delete static_cast<SState*>(BIO_get_data(bio));
+    BIO_set_data(bio, nullptr);
+    return 1;
+}
+
+using TMethod = std::unique_ptr<BIO_METHOD, SFreeBy<BIO_meth_free>>;
+
+TMethod makeMethod() {
+    // The kind lets SSL_get_fd() find it.
+    TMethod method(
+        BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR, "datagrams"));
+    if (method == nullptr || BIO_meth_set_write(method.get(), write) != 1 ||
+        BIO_meth_set_read(method.get(), read) != 1 || BIO_meth_set_ctrl(method.get(), control) != 1 ||
+        BIO_meth_set_destroy(method.get(), destroy) != 1) {
+        return nullptr;
+    }
+    return method;
+}
+
+/// Made once, at the first use for which there is memory; lives as long as the process.
+const BIO_METHOD* sharedMethod() {
+    static std::atomic<BIO_METHOD*> s_method{nullptr};
+    BIO_METHOD* method = s_method.load(std::memory_order_acquire);
+    if (method != nullptr) return method;
+    TMethod made = makeMethod();
+    if (made == nullptr) return nullptr;
+    // Another thread may have been first.
+    if (!s_method.compare_exchange_strong(method, made.get(), std::memory_order_acq_rel)) return method;
+    return made.release();
+}
+
+}  // namespace
+
+BIO* create(int fd, int family, const sockaddr_in6& peer, int peer_length) {
+    const BIO_METHOD* method = sharedMethod();
+    TBio bio(method != nullptr ? BIO_new(method) : nullptr);
+    if (bio == nullptr) return nullptr;
+    sockaddr_in6 connected{};
+    int length = SYSTEM_ADDRESS_BYTES;
+    // A destination that looks like a broadcast address is not connected.
+    const bool is_connected =
+        peer_length != 0 && SocketApi::getPeerName(fd, reinterpret_cast<sockaddr*>(&connected), &length) == 0;
+    BIO_set_data(bio.get(), new (std::nothrow) SState{fd, family, peer, peer_length, is_connected});
+    if (BIO_get_data(bio.get()) == nullptr) return nullptr;
+    BIO_set_init(bio.get(), 1);
+    return bio.release();
+}
+
+void followTimer(BIO* bio, SSL* ssl) {
+    stateOf(bio).timer = ssl;
+}
+
+void prepare(BIO* bio, int fd) {
+    SState& state = stateOf(bio);
+    state.fd = fd;
+    state.error = 0;
+}
+
+int lastError(const BIO* bio) {
+    return stateOf(bio).error;
+}
+
+}  // namespace Veltro::Ravelo::SslDgramBio
