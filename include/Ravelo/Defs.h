@@ -66,4 +66,7 @@ enum : unsigned {
     SOCK_TYPE_UNKNOWN = 7
 };
 
+/// Types of the messages that tools send to their owners.
+enum : unsigned { NOTIFY_STREAM_EXCEPTION = 2 };
+
 }  // namespace Veltro::Ravelo
