@@ -80,9 +80,9 @@ std::int64_t SMediaBufferRecord::send_to(CMediaStreamSender& sender) {
     if (!record.m_started) {
         // The rest of a frame of an earlier time comes first, whatever its positions were.
         if (record.m_frame != nullptr && call_send(sender) < 0) return FAILED;
-        const CFrame* tail = m_frame_tail;
-        const bool is_key = tail->isComplete() && tail->m_valid == 1 && tail->m_key_mask != 0;
-        if (record.m_frame != nullptr || !is_key || !record.sends(tail->m_key_mask)) return NOT_STARTED;
+        const CFrame& tail = *m_frame_tail;
+        const bool joins = tail.isComplete() && tail.m_valid == 1 && record.sends(tail.m_key_mask);
+        if (record.m_frame != nullptr || !joins) return NOT_STARTED;
         record.start(*m_frame_tail);
     }
     if (record.m_frame == nullptr) record.m_place = place_of(record);

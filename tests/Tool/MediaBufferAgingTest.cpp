@@ -152,6 +152,25 @@ TEST_F(MediaAging, ASenderThatHadTheFrameDoesNotLoseItsChannel) {
     buffer.DelSender(fast.get());
 }
 
+TEST_F(MediaAging, ALossThatASenderHadPassedIsNotItsOwn) {
+    CMediaReceiver fast;
+    buffer.AddSender(fast.get());
+    putFrame("0K", 1, 0);
+    putFrame("0a", 10, 0);
+    age(10);  // lost to the slow one only
+    fast.stall();
+    putFrame("2K", 5, 2);
+    putFrame("1a", 10, 1);
+    age(10);  // lost to both
+    fast.open();
+    putFrame("0b", 10, 0);
+    EXPECT_EQ("0K0a2K0b", fast.text());
+    EXPECT_EQ(1U, fast->GetCounters().skipped_late);
+    EXPECT_EQ("0K2K", after());
+    EXPECT_EQ(2U, receiver->GetCounters().skipped_late);
+    buffer.DelSender(fast.get());
+}
+
 TEST_F(MediaAging, PositionsCountWhatWasRemovedSoThatFreeingNeverLags) {
     for (int round = 0; round < 20; ++round) {
         putFrame(std::string(1000, 'a'), 10);
