@@ -153,8 +153,8 @@ TEST_F(MediaBufferSend, AReceiverThatResetsIsDroppedAndTheOthersAreNot) {
     receiver.slow().SetBandWidth(1);
     putFrame(LONG, 1);
     EXPECT_EQ(131'072U, receiver.text().size()) << "in the middle of a frame";
-    reset(receiver.far());
-    waitReadable(receiver.near());
+    reset(receiver.peer());
+    waitReadable(receiver.own());
     receiver.open();
     EXPECT_TRUE(waitUntil([this] {
         putFrame("a", 10);
@@ -175,7 +175,7 @@ TEST_F(MediaBufferSend, TheLastSenderThatFailsTakesTheFramesAlong) {
     putFrame("a", 1);
     EXPECT_EQ(2, packets.outstanding());
     receiver.open();
-    receiver.near().Close();
+    receiver.own().Close();
     putFrame("b", 1);
     EXPECT_EQ(0, packets.outstanding());
     EXPECT_EQ(0U, buffer.GetBufferSize());
@@ -185,7 +185,7 @@ TEST_F(MediaBufferSend, TheLastSenderThatFailsTakesTheFramesAlong) {
 
 TEST_F(MediaBufferSend, ASenderOnADeadSocketIsDroppedAtItsFirstFrame) {
     CMediaReceiver dead;
-    dead.near().Close();
+    dead.own().Close();
     buffer.AddSender(dead.get());
     putFrame("K", 1);
     putFrame("a", 1);

@@ -103,8 +103,8 @@ public:
     Ravelo::SMediaStreamSenderRecord& record() const {
         return Ravelo::SMediaStreamSenderRecord::of(*m_sender);
     }
-    Ravelo::CSockStream& near() { return m_pair.client; }
-    Ravelo::CSockStream& far() { return m_pair.server; }
+    Ravelo::CSockStream& own() { return m_pair.client; }
+    Ravelo::CSockStream& peer() { return m_pair.server; }
     Ravelo::CSimulatorStream& slow() { return m_slow; }
 
     void stall() { m_slow.SetBandWidth(0); }

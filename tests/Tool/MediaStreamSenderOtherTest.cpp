@@ -127,7 +127,7 @@ TEST_F(MediaOtherData, AFailureIsToldOnceAndEndsTheSending) {
     receiver->WaitException(owner->GetID());
     putFrame("K");
     sendOther(receiver, "x");
-    receiver.near().Close();
+    receiver.own().Close();
     putFrame("a");
     EXPECT_EQ(1, log.count(3, "MediaStreamSender check_other_data socket exception!\n"));
     EXPECT_EQ(0, packets.outstanding());
@@ -140,7 +140,7 @@ TEST_F(MediaOtherData, AFailureIsToldOnceAndEndsTheSending) {
 TEST_F(MediaOtherData, AFailureBetweenTwoFramesEndsTheSendingToo) {
     receiver->AttachSendProc([this](CMediaPacket*, int, int) {
         sendOther(receiver, "x");
-        receiver.near().Close();
+        receiver.own().Close();
     });
     putFrame("K");
     EXPECT_EQ(nullptr, receiver.record().m_frame);
@@ -181,7 +181,7 @@ TEST_F(MediaTailPacket, ItIsTheRestOfThePacketAndTheFrameGoesOnBehindIt) {
     nextPeriod();
     buffer.do_send();
     EXPECT_EQ(2U + (200'000U - PERIOD_BYTES), receiver->GetCounters().bytes_sent - PERIOD_BYTES);
-    EXPECT_EQ("cc", receive(receiver.far(), 2));
+    EXPECT_EQ("cc", receive(receiver.peer(), 2));
     EXPECT_EQ(0, packets.outstanding());
 }
 
@@ -206,8 +206,8 @@ TEST_F(MediaTailPacket, ATailThatEndsAFrameCountsItAsSent) {
     receiver->DetachSendProc();
     nextPeriod();
     buffer.do_send();
-    EXPECT_EQ(PERIOD_BYTES, receive(receiver.far(), PERIOD_BYTES).size());
-    EXPECT_EQ("next", receive(receiver.far(), 4));
+    EXPECT_EQ(PERIOD_BYTES, receive(receiver.peer(), PERIOD_BYTES).size());
+    EXPECT_EQ("next", receive(receiver.peer(), 4));
     EXPECT_EQ(0, packets.outstanding());
     expectInvariants(buffer);
 }
@@ -224,8 +224,8 @@ TEST_F(MediaTailPacket, BehindATailTheNextFrameMayBeGone) {
     EXPECT_EQ(0, packets.outstanding());
     nextPeriod();
     putFrame("K");
-    EXPECT_EQ(PERIOD_BYTES, receive(receiver.far(), PERIOD_BYTES).size());
-    EXPECT_EQ("K", receive(receiver.far(), 1));
+    EXPECT_EQ(PERIOD_BYTES, receive(receiver.peer(), PERIOD_BYTES).size());
+    EXPECT_EQ("K", receive(receiver.peer(), 1));
     expectInvariants(buffer);
 }
 
@@ -242,8 +242,8 @@ TEST_F(MediaTailPacket, ATailIsThereAfterTheSenderHasLeft) {
     EXPECT_EQ(0, packets.outstanding());
     nextPeriod();
     putFrame("K");
-    EXPECT_EQ(PERIOD_BYTES, receive(receiver.far(), PERIOD_BYTES).size());
-    EXPECT_EQ("K", receive(receiver.far(), 1));
+    EXPECT_EQ(PERIOD_BYTES, receive(receiver.peer(), PERIOD_BYTES).size());
+    EXPECT_EQ("K", receive(receiver.peer(), 1));
 }
 
 }  // namespace

@@ -75,8 +75,8 @@ TEST_F(MediaStreamSender, AttachAndDetachHandTheSocketOver) {
     CMediaReceiver other;
     EXPECT_EQ(&other.slow(), other->Detach());
     EXPECT_EQ(nullptr, other->Detach());
-    EXPECT_EQ(0, other->Attach(&other.near()));
-    EXPECT_EQ(&other.near(), other->Detach());
+    EXPECT_EQ(0, other->Attach(&other.own()));
+    EXPECT_EQ(&other.own(), other->Detach());
 }
 
 TEST_F(MediaStreamSender, TheFirstChannelTakesAllOthersAwayAndTheNextOnesAreAdded) {
@@ -116,7 +116,7 @@ TEST_F(MediaStreamSender, ASocketOfAnotherTypeFailsAnAssertion) {
 TEST_F(MediaStreamSender, EachTypeOfSocketIsSentThrough) {
     CMediaReceiver plain;
     plain->Detach();
-    plain->Attach(&plain.near());
+    plain->Attach(&plain.own());
     buffer.AddSender(plain.get());
     CSockDgram from;
     CSockDgram to;
@@ -180,7 +180,7 @@ TEST_F(MediaStreamSender, TheSendProcIsToldOfEachFrameThatWasSentWhole) {
 }
 
 TEST_F(MediaStreamSender, AFailureIsToldOnceAndLogged) {
-    receiver.near().Close();
+    receiver.own().Close();
     putFrame("K");
     expectTold();
     EXPECT_EQ(1, log.count(3, "tid:" + std::to_string(static_cast<int>(Plinth::getCurrentThreadId())) +
@@ -194,7 +194,7 @@ TEST_F(MediaStreamSender, AFailureIsToldOnceAndLogged) {
 
 TEST_F(MediaStreamSender, AFailureThatNobodyWaitsForIsNotLogged) {
     receiver->WaitException(0);
-    receiver.near().Close();
+    receiver.own().Close();
     putFrame("K");
     EXPECT_EQ(0, log.count(3, "MediaStreamSender"));
     expectNobodyTold();
