@@ -1,6 +1,6 @@
-"""Benchmarks that need no load generator: messages, timers, texts and senders."""
+"""Benchmarks that need no load generator: fan-out, messages, timers, texts and senders."""
 
-from . import table
+from . import machine, table
 from .process import run_json
 
 BOTH = (0, 1)
@@ -13,6 +13,9 @@ SCENARIOS = {
     "roundtrip": "to and fro in one pool of two workers",
     "crosstrip": "to and fro between two pools of one worker",
 }
+FANOUT_LIBRARIES = ["writev", "ravelo", "libevent"]
+FANOUT_BASE = "writev"
+FANOUT_MBIT = 4
 TIMER_LIBRARIES = ["ravelo", "libevent", "asio"]
 TIMER_BASE = "libevent"
 TICK_PERIOD_US = 10_000
@@ -63,6 +66,25 @@ def run_messages(programs, options):
                  for name in libraries]
         table.show([f"{scenario}: {title}", "messages/s (min .. max)", "CPU ns", "trip p50 us", "trip p99 us",
                     "ratio"], lines)
+
+
+def run_fanouts(programs, options):
+    libraries = _built(programs, "fanout", FANOUT_LIBRARIES, FANOUT_BASE)
+    print(f"== fanout: one stream of {FANOUT_MBIT} Mbit/s in packets of 1400 bytes; ratios are to a writev loop\n")
+    for receivers in (100, 500, machine.idle_connections(4000) // 2) if libraries else ():
+        runs = _rounds(libraries, options.rounds,
+                       lambda name: run_json([programs / f"fanout_{name}", receivers, FANOUT_MBIT, options.seconds],
+                                             BOTH, 120))
+        lines = [[name, table.spread(_values(runs, name, "per_second")),
+                  table.ratio(_values(runs, name, "per_second"), _values(runs, FANOUT_BASE, "per_second")),
+                  table.spread(_values(runs, name, "cpu_s_per_gib")),
+                  table.ratio(_values(runs, name, "cpu_s_per_gib"), _values(runs, FANOUT_BASE, "cpu_s_per_gib")),
+                  *(table.number(table.median(_values(runs, name, key))) for key in ("p50_us", "p99_us")),
+                  table.number(1024 * table.median(_values(runs, name, "receivers_kib")) / receivers),
+                  table.number(table.median(_values(runs, name, "stream_kib")))]
+                 for name in libraries]
+        table.show([f"{receivers:,} receivers", "packets/s (min .. max)", "ratio", "CPU s/GiB (min .. max)", "ratio",
+                    "delay p50 us", "p99 us", "bytes each", "stream KiB"], lines)
 
 
 def run_timers(programs, options):

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <Ravelo/Defs.h>
+#include <Ravelo/MediaBuffer.h>
 #include <Ravelo/MediaStreamReceiver.h>
+#include <Ravelo/MediaStreamSender.h>
 #include <Ravelo/NTimer.h>
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/NetThread.h>
