@@ -78,9 +78,10 @@ void play(std::FILE* input, CMediaBuffer& buffer) {
         while (stop_requested == 0 && cutter.TimeUs() > now_us() - start_us) Plinth::sleepMilliSecond(1);
     }
     cutter.End();
-    // Those who are a little behind get the rest.
-    for (int i = 0; i < 300 && stop_requested == 0 && buffer.GetBufferSize() > 0; ++i)
+    // Those who are behind get the rest, or what of it has not aged out until then.
+    for (int i = 0; i < 1000 && stop_requested == 0 && buffer.GetBufferSize() > 0; ++i) {
         Plinth::sleepMilliSecond(10);
+    }
 }
 
 }  // namespace
