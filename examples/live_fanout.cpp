@@ -11,11 +11,15 @@
 // Clients begin with a key frame, and one that is too slow skips to a later one. /live.ts?mbit=1 asks for a
 // connection that is limited to so many times 2^20 bits a second. It ends with its input, or by Ctrl-C or
 // SIGTERM (where the input is a pipe: with the next bytes).
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
+#include <utility>
 
-#include "live_client.h"
+#include "live_acceptor.h"
 #include "ts_cutter.h"
 
 using namespace Veltro;
@@ -54,63 +58,6 @@ void put_chunk(CMediaBuffer& buffer, std::string&& frame, int level) {
     CPiece::Put(buffer, "\r\n", 1, level);
 }
 
-/// Listens, and makes a CLiveClient of every connection.
-class CLiveAcceptor : public CNetHandler {
-public:
-    explicit CLiveAcceptor(SLiveServer& server) : m_server(server) {}
-
-    /// Listens at an address whose port may be 0 and writes the one it got into it. @return success.
-    bool Start(CSockAddrIPv4& where) {
-        m_server.live.Add(GetID());
-        Plinth::CLockGuard guard(m_mutex);
-        return m_acceptor.Open(where) == 0 && m_acceptor.GetLocalAddr(&where) == 0 &&
-               RegisterSock(m_acceptor, EventMask::Read, 0) == 0;
-    }
-    /// Ends the acceptor and all connections. The object may be gone when this returns.
-    void Stop() {
-        {
-            Plinth::CLockGuard guard(m_mutex);
-            RemoveSock(m_acceptor);
-            m_acceptor.Close();
-            for (const long id : m_server.live.GetIds()) Notify(id, CLiveClient::MESSAGE_STOP, 0);
-        }
-        Close();
-    }
-
-private:
-    static constexpr std::int64_t PAUSE_US = 50'000;
-
-    int handle_input(int) override {
-        Plinth::CLockGuard guard(m_mutex);
-        if (!m_acceptor.IsValid()) return -1;
-        std::unique_ptr<CSockStream> stream(m_acceptor.Accept());
-        if (stream == nullptr) {
-            // Out of descriptors, most likely: the client stays in line, so look again a little later.
-            UnregisterSock(m_acceptor, EventMask::Read);
-            SetTimer(PAUSE_US);
-            return 0;
-        }
-        stream->SetSockNoDelay(true);
-        auto* client = new CLiveClient(std::move(stream), m_server);
-        client->Start();
-        return 0;
-    }
-    std::int64_t handle_timeout(long) override {
-        Plinth::CLockGuard guard(m_mutex);
-        if (m_acceptor.IsValid()) RegisterSock(m_acceptor, EventMask::Read, 0);
-        return -1;
-    }
-    int handle_close(CNetHandler*) override {
-        m_server.live.Remove(GetID());
-        delete this;
-        return 0;
-    }
-
-    SLiveServer& m_server;
-    Plinth::CMutex m_mutex;  ///< the program's thread stops what the pool's threads use
-    CSockAcceptor m_acceptor PLINTH_GUARDED_BY(m_mutex);
-};
-
 std::int64_t now_us() {
     return static_cast<std::int64_t>(Plinth::CTime::getCurrentMicroSecond());
 }
@@ -131,9 +78,10 @@ void play(std::FILE* input, CMediaBuffer& buffer) {
         while (stop_requested == 0 && cutter.TimeUs() > now_us() - start_us) Plinth::sleepMilliSecond(1);
     }
     cutter.End();
-    // Those who are a little behind get the rest.
-    for (int i = 0; i < 300 && stop_requested == 0 && buffer.GetBufferSize() > 0; ++i)
+    // Those who are behind get the rest, or what of it has not aged out until then.
+    for (int i = 0; i < 1000 && stop_requested == 0 && buffer.GetBufferSize() > 0; ++i) {
         Plinth::sleepMilliSecond(10);
+    }
 }
 
 }  // namespace

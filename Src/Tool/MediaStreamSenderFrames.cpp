@@ -31,6 +31,7 @@ std::uint64_t mediaNowUs() {
 void SMediaStreamSenderRecord::leave_stream() {
     m_started = false;
     m_place = nullptr;
+    end_stall();
     if (isBetweenFrames()) drop_frame();
 }
 

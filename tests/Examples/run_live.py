@@ -172,12 +172,8 @@ def ThrottledClientSkipsToKeyFrames(options):
         thread = threading.Thread(target=lambda: counted.extend(judge(stream, fast.frames())))
         thread.start()
         slow.head()
-        received = []
-        with contextlib.suppress(AssertionError):  # the end may come in the middle of a frame
-            for frame in slow.frames():
-                received.append(frame)
+        numbers = judge(stream, slow.frames())
         thread.join(PATIENCE)
-        numbers = judge(stream, received)
         assert counted[-1] == 399 and len(counted) == 400 - counted[0], "the fast client has lost pictures"
         assert 10 < len(numbers) < 200, len(numbers)
         assert any(second > first + 1 for first, second in zip(numbers, numbers[1:])), "nothing was skipped"

@@ -296,6 +296,15 @@ TEST_F(MediaStreamSender, CountersTellOfFramesBytesAndStalls) {
     EXPECT_EQ(507U, receiver->GetCounters().stalled_us);
 }
 
+TEST_F(MediaStreamSender, AStallEndsWhenTheSenderLeaves) {
+    receiver.stall();
+    putFrame("K");
+    moveTime(300);
+    buffer.DelSender(receiver.get());
+    moveTime(1000);
+    EXPECT_EQ(300U, receiver->GetCounters().stalled_us);
+}
+
 TEST_F(MediaStreamSender, APartialWriteGoesOnWithinItsPacket) {
     std::string whole;
     for (int i = 0; i < 40; ++i) {
