@@ -94,7 +94,7 @@ int initialise(SNetThreadState& state, unsigned thread_num) PLINTH_REQUIRES(stat
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "CNetThread::check_on_init, CNetTimer init failed!\n");
         return undoServices();
     }
-    const SThreadSettings& settings = state.recv_settings;
+    const SThreadSettings settings = state.recv_settings;
     if (RecvThreads::start(state.processors, settings.priority, settings.policy, settings.param) != 0 ||
         !createPool(state, 0, thread_num)) {
         return undoServices();

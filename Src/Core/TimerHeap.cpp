@@ -1,21 +1,12 @@
 #include "Core/TimerHeap.h"
 
 #include <new>
+#include <utility>
 
 namespace Veltro::Ravelo {
 
-namespace {
-/// An id is ((sequence * 64) + pool) * 16 plus a generation, the sequence going down from -100.
-constexpr std::int64_t FIRST_SEQUENCE = -100;
-constexpr unsigned SEQUENCE_SHIFT = 10;
-}  // namespace
-
-std::size_t CTimerHeap::sequenceOf(std::int64_t timer_id) {
-    return static_cast<std::size_t>(FIRST_SEQUENCE - (timer_id >> SEQUENCE_SHIFT));
-}
-
-/// Where the timer of an id stands in the index; null when the index does not reach so far.
-STimer** CTimerHeap::slotOf(std::int64_t timer_id) {
+/// The slot of an id; null when there is none.
+CTimerHeap::SSlot* CTimerHeap::findSlot(std::int64_t timer_id) {
     if (timer_id > FIRST_SEQUENCE * (std::int64_t{1} << SEQUENCE_SHIFT) + (1 << SEQUENCE_SHIFT) - 1)
         return nullptr;
     auto& slots = m_by_sequence[poolOfId(timer_id)];
@@ -26,15 +17,15 @@ STimer** CTimerHeap::slotOf(std::int64_t timer_id) {
 bool CTimerHeap::insert(STimer* timer) {
     auto& slots = m_by_sequence[poolOfId(timer->key)];
     const std::size_t sequence = sequenceOf(timer->key);
+    const auto index = static_cast<std::uint32_t>(m_heap.size());
     try {
         if (sequence >= slots.size()) slots.resize(sequence + sequence / 2 + 64);
-        m_heap.push_back({timer->due_us, timer});
+        m_heap.push_back({timer->due_us, timer->key});
     } catch (const std::bad_alloc&) {
         return false;
     }
-    slots[sequence] = timer;
-    timer->place = static_cast<std::uint32_t>(m_heap.size() - 1);
-    siftUp(timer->place);
+    slots[sequence] = {timer, index};
+    siftUp(index);
     return true;
 }
 
@@ -43,16 +34,16 @@ STimer* CTimerHeap::popRoot() {
 }
 
 STimer* CTimerHeap::remove(std::int64_t timer_id) {
-    STimer** slot = slotOf(timer_id);
-    if (slot == nullptr || *slot == nullptr || (*slot)->key != timer_id) return nullptr;
-    return takeAt((*slot)->place);
+    const SSlot* slot = findSlot(timer_id);
+    if (slot == nullptr || slot->timer == nullptr || m_heap[slot->place].id != timer_id) return nullptr;
+    return takeAt(slot->place);
 }
 
 STimer* CTimerHeap::removePool(int pool_number) {
     STimer* removed = nullptr;
-    for (STimer*& slot : m_by_sequence[pool_number]) {
-        if (slot == nullptr) continue;
-        STimer* timer = takeAt(slot->place);
+    for (const SSlot& slot : m_by_sequence[pool_number]) {
+        if (slot.timer == nullptr) continue;
+        STimer* timer = takeAt(slot.place);
         timer->next = removed;
         removed = timer;
     }
@@ -62,21 +53,22 @@ STimer* CTimerHeap::removePool(int pool_number) {
 
 /// Takes the timer at an index out; the last one moves to its place.
 STimer* CTimerHeap::takeAt(std::size_t index) {
-    STimer* timer = m_heap[index].timer;
+    STimer* timer = std::exchange(slotAt(m_heap[index].id).timer, nullptr);
     const SItem last = m_heap.back();
     m_heap.pop_back();
-    if (last.timer != timer) {
-        place(last, index);
+    if (index == m_heap.size()) return timer;
+    place(last, index);
+    if (index > 0 && last.due_us < m_heap[(index - 1) / 2].due_us) {
         siftUp(index);
-        siftDown(last.timer->place);
+    } else {
+        siftDown(index);
     }
-    *slotOf(timer->key) = nullptr;
     return timer;
 }
 
 void CTimerHeap::place(const SItem& item, std::size_t index) {
     m_heap[index] = item;
-    item.timer->place = static_cast<std::uint32_t>(index);
+    slotAt(item.id).place = static_cast<std::uint32_t>(index);
 }
 
 void CTimerHeap::siftUp(std::size_t index) {

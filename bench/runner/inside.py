@@ -19,6 +19,10 @@ FANOUT_MBIT = 4
 TIMER_LIBRARIES = ["ravelo", "libevent", "asio"]
 TIMER_BASE = "libevent"
 TICK_PERIOD_US = 10_000
+PACE_SYSTEMS = ["nanosleep", "ravelo", "libevent"]
+PACE_BASE = "nanosleep"
+PACE_PERIOD_US = 20_000
+PACE_RECEIVERS = [1, 100, 1000]
 PARSER_BASE = "memchr"
 PARSERS = {"http": ["memchr", "ravelo", "httpparser"], "sdp": ["memchr", "ravelo"]}
 SENDERS = ["raw", "ravelo", "evbuffer", "bufferevent"]
@@ -123,6 +127,20 @@ def run_ticks(programs, options):
              for name in libraries]
     table.show([f"{options.ticks:,} ticks of {TICK_PERIOD_US // 1000} ms", "median (min .. max)", "p99", "greatest",
                 "earliest .. latest"], lines)
+
+
+def run_pace(programs, options):
+    systems = _built(programs, "pace", PACE_SYSTEMS, PACE_BASE)
+    print("== pace: how late receivers are called, in us behind the earliest call of each\n")
+    seconds = options.pace * PACE_PERIOD_US / 1e6
+    for receivers in PACE_RECEIVERS if systems else ():
+        runs = _rounds(systems, options.rounds,
+                       lambda name: run_json([programs / f"pace_{name}", receivers, options.pace, PACE_PERIOD_US],
+                                             BOTH, seconds + 60))
+        table.show([f"{receivers:,} receivers, {options.pace:,} ticks of {PACE_PERIOD_US // 1000} ms",
+                    "median (min .. max)", "p99", "greatest"],
+                   [[name, *(table.spread(_values(runs, name, key)) for key in ("median_us", "p99_us", "max_us"))]
+                    for name in systems])
 
 
 def run_parsers(programs, options):

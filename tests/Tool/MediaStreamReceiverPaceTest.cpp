@@ -144,9 +144,7 @@ TEST(MediaStreamReceiverPace, ALagIsMadeUpAndNoMore) {
     pool.time.run(15 * PERIOD_US);
     const std::size_t silent = receiver->calls() - before;
     EXPECT_EQ(15U, silent);
-    receiver->on_call = [receiver, frames, silent] {
-        return frames() - static_cast<std::int64_t>(silent) * PERIOD_US;
-    };
+    receiver->on_call = [frames, silent] { return frames() - static_cast<std::int64_t>(silent) * PERIOD_US; };
     pool.time.run(PERIOD_US);
     EXPECT_EQ(before + silent + 8, receiver->calls());
     pool.time.run(PERIOD_US);

@@ -407,18 +407,20 @@ TEST(MediaStreamReceiver, AReceiverWithoutMemoryIsNotStarted) {
 TEST(MediaStreamReceiver, AReceiverForWhichThereWasNoThreadMayBeStartedAgain) {
     CPacedPool pool;
     CTestReceiver* receiver = pool.make();
-    // Neither the object of the thread, nor the system's handle of it.
-    for (const int allocations : {0, 1}) {
+    // The thread's object, then what the system needs to start it, where that is taken from the same memory.
+    int failures = 0;
+    for (; stateOf(receiver) == RECEIVER_CREATED && failures < 10; ++failures) {
+        for (const unsigned number : RecvThreads::numbers(STREAM)) EXPECT_EQ(0U, number);
         CLogCapture log;
         {
-            const CScarceMemory scarce(allocations);
+            const CScarceMemory scarce(failures);
             receiver->StartReceive(0, 1.0F);
         }
-        expectOneLine(log, Plinth::LOG_LEVEL_ERROR, receiver, NO_THREAD);
-        EXPECT_EQ(RECEIVER_CREATED, stateOf(receiver));
-        for (const unsigned number : RecvThreads::numbers(STREAM)) EXPECT_EQ(0U, number);
+        if (stateOf(receiver) == RECEIVER_CREATED) {
+            expectOneLine(log, Plinth::LOG_LEVEL_ERROR, receiver, NO_THREAD);
+        }
     }
-    receiver->StartReceive(0, 1.0F);
+    EXPECT_LE(2, failures);
     pool.time.run(2 * PERIOD_US);
     EXPECT_EQ((Times{0, 40'000}), receiver->at_us[STREAM]);
 }
