@@ -12,7 +12,8 @@
 
 namespace Veltro::Ravelo {
 
-/// The registered functions, in the order of their registration. The pointers are kept, not what they point to.
+/// The registered functions, in the order of their registration. The pointers are kept, not what they point
+/// to.
 class TFuncBox {
 public:
     static constexpr std::uint32_t MAX_COUNT = 1024;

@@ -8,8 +8,8 @@
 
 namespace Veltro::Ravelo {
 
-/// Turns printed text into what a terminal takes, chunk by chunk, and puts the chunks into the session's sender.
-/// Any thread may call.
+/// Turns printed text into what a terminal takes, chunk by chunk, and puts the chunks into the session's
+/// sender. Any thread may call.
 class CR3Session {
 public:
     /// At most so many bytes go to the sender at a time.

@@ -16,8 +16,8 @@ namespace Veltro::Ravelo {
 namespace {
 
 using TestSupport::CGate;
-using TestSupport::closeAndWait;
 using TestSupport::CLogCapture;
+using TestSupport::closeAndWait;
 using TestSupport::CPublicPool;
 using TestSupport::CTestHandler;
 using TestSupport::SStreamPair;
@@ -94,20 +94,23 @@ TEST_P(SockTrace, RegisteringChangingAndRemoving) {
     EXPECT_EQ(
         traced(),
         wanted({{1, "CNetSock::RegisterSock " + OBJECT + ", socket:FD, mask:1, time_out:5000"},
-                {0, "CSockTimer::Add SEvent: obj-id:ID, event_mask:1, revents:0, set_time:5000, time_out:T, "
-                    "container:P"},
+                {0,
+                 "CSockTimer::Add SEvent: obj-id:ID, event_mask:1, revents:0, set_time:5000, time_out:T, "
+                 "container:P"},
                 {1, "CNetSock::register_new_event " + OBJECT + ", socket:FD, mask:1, time_out:5000"},
                 {1, "CNetSock::RegisterSock " + OBJECT + ", socket:FD, mask:4, time_out:3000"},
                 {0, "CNetSock::modify_exist_event " + OBJECT +
                         ", socket:FD, mask:4, time_out:3000, m_set_time:5000, m_revents:0."},
                 {2, "CNetSock::reset_timer obj_id:ID, timt_out:3000, socket:FD."},
-                {0, "CSockTimer::Reset SEvent: obj-id:ID, event_mask:1, revents:0, set_time:3000, time_out:T, "
-                    "container:P"},
+                {0,
+                 "CSockTimer::Reset SEvent: obj-id:ID, event_mask:1, revents:0, set_time:3000, time_out:T, "
+                 "container:P"},
                 {1, "CNetSock::UnregisterSock " + OBJECT + ", socket:FD, mask:4."},
                 {0, "CNetSock::RemoveSock " + OBJECT + ", socket:FD."},
                 {0, "Enter CNetSock::remove_sock obj_id:ID, socket:FD."},
-                {0, "CSockTimer::Delete SEvent: obj-id:ID, event_mask:1, revents:0, set_time:0, time_out:0, "
-                    "container:P"}}));
+                {0,
+                 "CSockTimer::Delete SEvent: obj-id:ID, event_mask:1, revents:0, set_time:0, time_out:0, "
+                 "container:P"}}));
 }
 
 TEST_P(SockTrace, ADispatch) {
@@ -124,13 +127,16 @@ TEST_P(SockTrace, ADispatch) {
     pair.far_end.Send("x", 1);
     ASSERT_TRUE(log.waitFor(TRACE, "CSockTimer::Add"));
     std::vector<std::string> lines = traced();
-    EXPECT_EQ(lines,
-              wanted({{1, "CNetSock::handle_net " + OBJECT + " handle sock event begin at T us, fd:FD, revents:1."},
-                      {0, "Enter CNetSock::handle_netevent handle_net end obj_id:ID socket:FD, m_revents:1, "
-                          "m_event_mask:1 ret:30000000, m_set_time:0."},
-                      {2, "CNetSock::reset_timer obj_id:ID, timt_out:30000, socket:FD."},
-                      {0, "CSockTimer::Add SEvent: obj-id:ID, event_mask:1, revents:0, set_time:30000, time_out:T, "
-                          "container:P"}}));
+    EXPECT_EQ(
+        lines,
+        wanted({{1, "CNetSock::handle_net " + OBJECT + " handle sock event begin at T us, fd:FD, revents:1."},
+                {0,
+                 "Enter CNetSock::handle_netevent handle_net end obj_id:ID socket:FD, m_revents:1, "
+                 "m_event_mask:1 ret:30000000, m_set_time:0."},
+                {2, "CNetSock::reset_timer obj_id:ID, timt_out:30000, socket:FD."},
+                {0,
+                 "CSockTimer::Add SEvent: obj-id:ID, event_mask:1, revents:0, set_time:30000, time_out:T, "
+                 "container:P"}}));
 }
 
 TEST_P(SockTrace, ATimeOut) {
@@ -144,8 +150,9 @@ TEST_P(SockTrace, ATimeOut) {
     EXPECT_EQ(lines,
               wanted({{1, "CNetSock::handle_timeout " + OBJECT +
                               " handle sock timeout begin at T us, fd:FD, revents:256."},
-                      {0, "CNetSock::handle_netevent handle_timeout end obj_id:ID socket:FD, m_revents:256, "
-                          "m_event_mask:1 ret:-1, m_set_time:0."}}));
+                      {0,
+                       "CNetSock::handle_netevent handle_timeout end obj_id:ID socket:FD, m_revents:256, "
+                       "m_event_mask:1 ret:-1, m_set_time:0."}}));
 }
 
 TEST_P(SockTrace, ARemovalInsideOfTheCallback) {
@@ -159,13 +166,15 @@ TEST_P(SockTrace, ARemovalInsideOfTheCallback) {
     CDebugControl::sm_sock_on.store(true);
     pair.far_end.Send("x", 1);
     ASSERT_TRUE(log.waitFor(TRACE, "remove_sock"));
-    EXPECT_EQ(traced(),
-              wanted({{1, "CNetSock::handle_net " + OBJECT + " handle sock event begin at T us, fd:FD, revents:1."},
-                      {0, "CNetSock::RemoveSock &1 " + OBJECT + ", socket:FD."},
-                      {0, "CNetSock::RemoveSock &2 " + OBJECT + ", socket:FD."},
-                      {0, "Enter CNetSock::handle_netevent handle_net end obj_id:ID socket:FD, m_revents:1024, "
-                          "m_event_mask:32 ret:0, m_set_time:0."},
-                      {0, "Enter CNetSock::remove_sock obj_id:ID, socket:FD."}}));
+    EXPECT_EQ(
+        traced(),
+        wanted({{1, "CNetSock::handle_net " + OBJECT + " handle sock event begin at T us, fd:FD, revents:1."},
+                {0, "CNetSock::RemoveSock &1 " + OBJECT + ", socket:FD."},
+                {0, "CNetSock::RemoveSock &2 " + OBJECT + ", socket:FD."},
+                {0,
+                 "Enter CNetSock::handle_netevent handle_net end obj_id:ID socket:FD, m_revents:1024, "
+                 "m_event_mask:32 ret:0, m_set_time:0."},
+                {0, "Enter CNetSock::remove_sock obj_id:ID, socket:FD."}}));
 }
 
 TEST_P(SockTrace, AnEventWhoseOwnerHasGone) {

@@ -79,7 +79,8 @@ TEST_F(R3Server, RefusesANameThatIsTakenByAnEqualText) {
 TEST_F(R3Server, RefusesThe1025thFunction) {
     std::vector<std::string> names;
     for (int i = 0; i < 1025; ++i) names.push_back("name" + std::to_string(i));
-    for (int i = 0; i < 1024; ++i) ASSERT_EQ(R3Register(COMMAND, names[static_cast<std::size_t>(i)].c_str(), ""), 0);
+    for (int i = 0; i < 1024; ++i)
+        ASSERT_EQ(R3Register(COMMAND, names[static_cast<std::size_t>(i)].c_str(), ""), 0);
     CLogCapture log;
     EXPECT_EQ(R3Register(COMMAND, names[1024].c_str(), ""), -1);
     EXPECT_EQ(log.count(ERROR_LEVEL, ", CR3Daemon::Register func box full!\n"), 1);
