@@ -65,8 +65,8 @@ struct CConsoleDialogue::SImpl {
     int setMark(const std::vector<std::string>& words);
 };
 
-/// A log message as a line of the answer. What a terminal would obey stays out of it: messages may hold what strangers
-/// have sent.
+/// A log message as a line of the answer. What a terminal would obey stays out of it: messages may hold what
+/// strangers have sent.
 void CConsoleDialogue::SImpl::sayLogged(const char* message) {
     try {
         std::string text = message;
@@ -92,10 +92,7 @@ int CConsoleDialogue::SImpl::help() {
         "commands                        the names of the commands\n"
         "mark <word>                     ends every answer with a line: word, result\n"
         "exit                            ends the dialogue\n");
-    for (const auto& [name, help] : CConsoleCommands::get()->list()) {
-        const std::size_t padding = name.size() < 32 ? 32 - name.size() : 1;
-        say(name + std::string(padding, ' ') + help + "\n");
-    }
+    for (const auto& [name, help] : CConsoleCommands::get()->list()) say((help.empty() ? name : help) + "\n");
     return 0;
 }
 

@@ -22,7 +22,8 @@ namespace Transport = ConsoleTransport;
 
 namespace {
 
-/// How long the host leaves its listener alone when an operator could not be let in, so that it does not spin.
+/// How long the host leaves its listener alone when an operator could not be let in, so that it does not
+/// spin.
 constexpr int PAUSE_MS = 200;
 
 /// The host's thread and what belongs to it.

@@ -14,8 +14,8 @@ struct SConsoleBudget {
     std::size_t kept_bytes = 0;
 };
 
-/// One operator of the console host: his connection, his dialogue, and the part of the answers that he has not read
-/// yet. Used by the host's thread only.
+/// One operator of the console host: his connection, his dialogue, and the part of the answers that he has
+/// not read yet. Used by the host's thread only.
 class CConsoleOperator {
 public:
     /// What one operator, and all together, may leave unread.
@@ -53,7 +53,7 @@ private:
     SConsoleBudget& m_budget;
     std::uint64_t m_since_ms;
     bool m_admitted;
-    bool m_typed_all = false;   ///< nothing more comes from him
+    bool m_typed_all = false;    ///< nothing more comes from him
     std::string m_introduction;  ///< what came while the token was not complete
     std::string m_kept;          ///< answers; those up to m_sent have gone
     std::size_t m_sent = 0;

@@ -16,13 +16,13 @@ struct SWait {
     Handle handle;
     bool wants_read;
     bool wants_write;
-    bool can_read;   ///< also when the other end has gone
+    bool can_read;  ///< also when the other end has gone
     bool can_write;
 };
 
 struct SListener {
     Handle handle = NONE;
-    std::string path;   ///< what was made in the file system
+    std::string path;    ///< what was made in the file system
     Handle file = NONE;  ///< keeps the file of port and token; unused where there is none
     std::string token;   ///< what an operator must say first; empty when the system tells who he is
 };
@@ -43,7 +43,8 @@ unsigned long processId();
 /// Makes a folder that only the user can use, or checks that it is one.
 bool makePrivateFolder(const std::string& folder);
 
-/// Listens at a path; replaces what a former process left there. False when it cannot, with the last error set.
+/// Listens at a path; replaces what a former process left there. False when it cannot, with the last error
+/// set.
 bool listen(const std::string& path, SListener& listener);
 void closeListener(SListener& listener);
 /// The next operator, not blocking; NONE when there is none, or he is another user.

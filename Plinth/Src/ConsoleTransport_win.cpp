@@ -64,7 +64,8 @@ public:
             ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user)->User.Sid, &sid)) {
             wchar_t text[256];
             std::swprintf(text, std::size(text), L"D:P(A;OICI;FA;;;%ls)", sid);
-            ConvertStringSecurityDescriptorToSecurityDescriptorW(text, SDDL_REVISION_1, &m_descriptor, nullptr);
+            ConvertStringSecurityDescriptorToSecurityDescriptorW(text, SDDL_REVISION_1, &m_descriptor,
+                                                                 nullptr);
             LocalFree(sid);
         }
         CloseHandle(token);
@@ -103,7 +104,8 @@ SOCKET listenOnLoopback() {
     const sockaddr_in address = loopback(0);
     const BOOL on = TRUE;
     ::setsockopt(socket, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on), sizeof on);
-    if (setNonBlocking(socket) && ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+    if (setNonBlocking(socket) &&
+        ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
         ::listen(socket, 16) == 0) {
         return socket;
     }
@@ -111,20 +113,22 @@ SOCKET listenOnLoopback() {
     return INVALID_SOCKET;
 }
 
-/// Writes port and token where only the user can read them. The file goes with its handle, and cannot be replaced
-/// while it is open.
+/// Writes port and token where only the user can read them. The file goes with its handle, and cannot be
+/// replaced while it is open.
 Handle writeFile(const std::string& path, unsigned short port, const std::string& token) {
     COwnerOnly owner_only;
     const auto wide = toWide(path.c_str());
     if (!wide || owner_only.get() == nullptr) return NONE;
     // A file that exists would keep its own access list.
     DeleteFileW(wide.get());
-    const HANDLE file = CreateFileW(wide.get(), GENERIC_WRITE | DELETE, FILE_SHARE_READ, owner_only.get(), CREATE_NEW,
-                                    FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    const HANDLE file =
+        CreateFileW(wide.get(), GENERIC_WRITE | DELETE, FILE_SHARE_READ, owner_only.get(), CREATE_NEW,
+                    FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
     if (file == INVALID_HANDLE_VALUE) return NONE;
     const std::string text = std::to_string(port) + " " + token + "\n";
     DWORD written = 0;
-    if (WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) && written == text.size()) {
+    if (WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
+        written == text.size()) {
         return reinterpret_cast<Handle>(file);
     }
     CloseHandle(file);
@@ -135,8 +139,9 @@ Handle writeFile(const std::string& path, unsigned short port, const std::string
 bool readFile(const char* path, unsigned short& port, std::string& token) {
     const auto wide = toWide(path);
     if (!wide) return false;
-    const HANDLE file = CreateFileW(wide.get(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                    nullptr, OPEN_EXISTING, 0, nullptr);
+    const HANDLE file =
+        CreateFileW(wide.get(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                    OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
     char text[256] = "";
     DWORD length = 0;

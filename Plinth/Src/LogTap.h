@@ -2,9 +2,9 @@
 
 namespace Veltro::Plinth {
 
-/// Shows a thread's log lines to somebody else too, while it lives: every level up to LOG_LEVEL_TRACE, whatever
-/// the log itself lets through. Lines that a sink logs are left out. Made and destroyed on the same thread; the one
-/// made last hears.
+/// Shows a thread's log lines to somebody else too, while it lives: every level up to LOG_LEVEL_TRACE,
+/// whatever the log itself lets through. Lines that a sink logs are left out. Made and destroyed on the same
+/// thread; the one made last hears.
 class CLogTap {
 public:
     /// Takes one formatted message; must not throw.

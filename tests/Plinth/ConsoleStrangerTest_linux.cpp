@@ -28,7 +28,8 @@ mode_t modeOf(const std::string& path) {
     return status.st_mode & 07777;
 }
 
-/// What another user gets from the socket: 0 when he is sent away, 1 when he is heard, 2 when he cannot connect.
+/// What another user gets from the socket: 0 when he is sent away, 1 when he is heard, 2 when he cannot
+/// connect.
 int triesAsAnother(const std::string& path) {
     const pid_t child = ::fork();
     if (child == 0) {

@@ -67,7 +67,8 @@ TEST(ConsoleStranger, WhoSaysAnotherTokenIsSentAwayWithoutAWord) {
     const CLocalConsole console;
     std::string token = tokenOf(console.path);
     token.back() = token.back() == '0' ? '1' : '0';
-    for (const std::string& wrong : {token, std::string(), tokenOf(console.path) + "0", std::string("help")}) {
+    for (const std::string& wrong :
+         {token, std::string(), tokenOf(console.path) + "0", std::string("help")}) {
         EXPECT_EQ(say(console.path, wrong + "\nhelp\n"), "") << wrong;
     }
 }

@@ -15,8 +15,8 @@ namespace Veltro::TestSupport {
 
 /// A path of this test's own for a console.
 inline std::string consolePath(const std::string& name = "console") {
-    const auto folder = std::filesystem::temp_directory_path() /
-                        ("plinth-" + std::to_string(Plinth::getCurrentThreadId()));
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("plinth-" + std::to_string(Plinth::getCurrentThreadId()));
     std::filesystem::create_directories(folder);
     return (folder / name).string();
 }
@@ -51,7 +51,9 @@ private:
 /// An operator who waits for his answers.
 class CTestOperator {
 public:
-    explicit CTestOperator(const std::string& path) { EXPECT_TRUE(client.attach(path.c_str())) << client.reason(); }
+    explicit CTestOperator(const std::string& path) {
+        EXPECT_TRUE(client.attach(path.c_str())) << client.reason();
+    }
 
     bool type(const std::string& text) { return client.send(text.data(), text.size()); }
     /// Reads until a text has come; whatever came until the end, or until patience ran out.
