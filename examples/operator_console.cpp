@@ -1,5 +1,5 @@
-// A process that an operator can look into: it switches the console host on, adds a command of its own, and has a
-// socket and a clock to look at. Enter, or the end of its input, ends it.
+// A process that an operator can look into: it switches the console host on, adds a command of its own, and
+// has a socket and a clock to look at. Enter, or the end of its input, ends it.
 //
 //     operator_console [PATH]        in one window
 //     ravelo-console --path PATH     in another: rvl -dump -fd all
@@ -53,8 +53,8 @@ int main(int argc, char** argv) {
     // What a command logs is what the operator reads.
     const auto console = Plinth::CComponentRegistry::getConsole(Plinth::COMPONENT_SERVER_LOCAL);
     console->registerCommand("rings", "rings: how often somebody has called", [doorbell](int, char**) {
-        Plinth::logFilter(Plinth::LOG_LEVEL_TRACE, nullptr, __FILE__, "rings", __LINE__, nullptr, "%d rings\n",
-                          doorbell->Rings());
+        Plinth::logFilter(Plinth::LOG_LEVEL_TRACE, nullptr, __FILE__, "rings", __LINE__, nullptr,
+                          "%d rings\n", doorbell->Rings());
         return 0;
     });
     std::printf("console at %s\n", Plinth::CConsoleHost::path().c_str());

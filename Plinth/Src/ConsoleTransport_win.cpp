@@ -62,9 +62,8 @@ public:
         wchar_t* sid = nullptr;
         if (GetTokenInformation(token, TokenUser, user, sizeof user, &size) &&
             ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user)->User.Sid, &sid)) {
-            wchar_t text[256];
-            std::swprintf(text, std::size(text), L"D:P(A;OICI;FA;;;%ls)", sid);
-            ConvertStringSecurityDescriptorToSecurityDescriptorW(text, SDDL_REVISION_1, &m_descriptor,
+            const std::wstring text = std::wstring(L"D:P(A;OICI;FA;;;") + sid + L")";
+            ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1, &m_descriptor,
                                                                  nullptr);
             LocalFree(sid);
         }
@@ -303,7 +302,7 @@ void wait(SWait* waits, std::size_t count, int timeout_ms) {
         if (waits[i].wants_read) FD_SET(socketOf(waits[i].handle), &readable);
         if (waits[i].wants_write) FD_SET(socketOf(waits[i].handle), &writable);
     }
-    const timeval limit = {timeout_ms / 1000, timeout_ms % 1000 * 1000};
+    timeval limit = {timeout_ms / 1000, timeout_ms % 1000 * 1000};
     const int ready = ::select(0, &readable, &writable, nullptr, timeout_ms < 0 ? nullptr : &limit);
     for (std::size_t i = 0; i < count; ++i) {
         waits[i].can_read = ready > 0 && FD_ISSET(socketOf(waits[i].handle), &readable);

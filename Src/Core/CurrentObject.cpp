@@ -35,7 +35,9 @@ void CCurrentObject::visit(
     for (const auto& [thread_id, current] : table().sm_thread_modules) {
         const CNetHandler* handler = current->m_handler.load(std::memory_order_relaxed);
         const std::type_info* type = current->m_type.load(std::memory_order_relaxed);
-        visitor(thread_id, {handler, handler != nullptr ? type : nullptr});
+        visitor(thread_id, {current->m_id.load(std::memory_order_relaxed),
+                            current->m_callbacks.load(std::memory_order_relaxed), handler,
+                            handler != nullptr ? type : nullptr});
     }
 }
 

@@ -3,6 +3,7 @@
 #include <Ravelo/NetHandler.h>
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <typeinfo>
 
@@ -17,6 +18,8 @@ class CCurrentObject {
 public:
     /// What a thread runs at the moment of asking.
     struct SModule {
+        std::int64_t id;          ///< the handler's
+        std::uint64_t callbacks;  ///< how many the thread has begun: tells one callback from the next
         const CNetHandler*
             handler;  ///< null between callbacks; only fit for printing its address: it may be gone
         const std::type_info* type;  ///< the handler's run-time class; null where the handler is
@@ -30,7 +33,9 @@ public:
     CCurrentObject& operator=(const CCurrentObject&) = delete;
 
     /// Set just before a callback. Only by the thread that entered.
-    void set(const CNetHandler& handler) {
+    void set(const CNetHandler& handler, std::int64_t id) {
+        m_callbacks.store(m_callbacks.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        m_id.store(id, std::memory_order_relaxed);
         m_type.store(&typeid(handler), std::memory_order_relaxed);
         m_handler.store(&handler, std::memory_order_relaxed);
     }
@@ -45,6 +50,8 @@ private:
     /// The class of the last handler: its information outlives the handler, which another thread may not
     /// touch.
     std::atomic<const std::type_info*> m_type{nullptr};
+    std::atomic<std::int64_t> m_id{0};
+    std::atomic<std::uint64_t> m_callbacks{0};
     unsigned long m_thread_id;
 };
 

@@ -61,7 +61,9 @@ bool CAttachment::run(const std::string& command, int timeout_ms, const Line& li
 std::vector<std::string> CAttachment::commands() {
     std::vector<std::string> names;
     int result = 0;
-    if (!run("commands", 5'000, [&names](const std::string& name) { names.push_back(name); }, result)) return {};
+    if (!run(
+            "commands", 5'000, [&names](const std::string& name) { names.push_back(name); }, result))
+        return {};
     return names;
 }
 

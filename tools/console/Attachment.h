@@ -20,8 +20,8 @@ public:
 
     /// Attaches to a path; false with the reason in error().
     bool open(const std::string& path);
-    /// Runs a command and waits for the end of its answer. False, with the reason in error(), when the host has gone
-    /// or says nothing for timeout_ms (negative: no limit); then the connection is of no more use.
+    /// Runs a command and waits for the end of its answer. False, with the reason in error(), when the host
+    /// has gone or says nothing for timeout_ms (negative: no limit); then the connection is of no more use.
     /// @param result what the command returned.
     bool run(const std::string& command, int timeout_ms, const Line& line, int& result);
     /// The names of the commands; empty when the host has gone.

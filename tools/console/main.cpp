@@ -31,8 +31,11 @@ struct SOptions {
 
 void define(CLI::App& app, SOptions& options) {
     app.get_formatter()->column_width(24);
-    auto* path = app.add_option("--path", options.path, "Attach to the console at this path")->type_name("PATH");
-    app.add_option("--pid", options.pid, "Attach to the console of this process")->type_name("N")->excludes(path);
+    auto* path =
+        app.add_option("--path", options.path, "Attach to the console at this path")->type_name("PATH");
+    app.add_option("--pid", options.pid, "Attach to the console of this process")
+        ->type_name("N")
+        ->excludes(path);
     app.add_flag("--list", options.list, "Show the consoles of this user and end");
     app.add_option("-c,--command", options.commands, "Run this command and end; several in their order")
         ->type_name("TEXT")
@@ -43,10 +46,11 @@ void define(CLI::App& app, SOptions& options) {
     app.add_option("--timeout", options.timeout_s, "Give up after N seconds without a word (60)")
         ->type_name("N")
         ->check(CLI::Range(1, 86'400).description(""));
-    app.footer("Without --command it reads commands line by line; \"help\" lists them.\n"
-               "Ends with 0 when all went well, 1 when a command failed, 2 for a wrong call,\n"
-               "3 when there is no console, 4 when a command is unknown or was refused,\n"
-               "5 when the connection was lost or nothing came in time.");
+    app.footer(
+        "Without --command it reads commands line by line; \"help\" lists them.\n"
+        "Ends with 0 when all went well, 1 when a command failed, 2 for a wrong call,\n"
+        "3 when there is no console, 4 when a command is unknown or was refused,\n"
+        "5 when the connection was lost or nothing came in time.");
 }
 
 int fail(EExit code, const std::string& reason) {
@@ -87,14 +91,17 @@ public:
             return true;
         }
         int result = 0;
-        const auto show = [this](const std::string& line) { std::fputs(fold(line, m_columns).c_str(), stdout); };
+        const auto show = [this](const std::string& line) {
+            std::fputs(fold(line, m_columns).c_str(), stdout);
+        };
         if (!m_attachment.run(command, m_timeout_ms, show, result)) {
             m_worst = fail(EXIT_LOST, m_attachment.error());
             return false;
         }
         std::fflush(stdout);
         const bool not_run = result == RESULT_REFUSED || result == RESULT_UNKNOWN;
-        if (result != 0 && !not_run) std::fprintf(stderr, "ravelo-console: the command returned %d\n", result);
+        if (result != 0 && !not_run)
+            std::fprintf(stderr, "ravelo-console: the command returned %d\n", result);
         if (result != 0) m_worst = std::max<int>(m_worst, not_run ? EXIT_NOT_RUN : EXIT_COMMAND_FAILED);
         return true;
     }
@@ -140,7 +147,8 @@ int runInput(CSession& session) {
 }
 
 int list() {
-    for (const std::string& path : consolesIn(CConsoleHost::defaultFolder())) std::printf("%s\n", path.c_str());
+    for (const std::string& path : consolesIn(CConsoleHost::defaultFolder()))
+        std::printf("%s\n", path.c_str());
     return EXIT_DONE;
 }
 
