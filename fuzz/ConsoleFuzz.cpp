@@ -1,5 +1,5 @@
-// Drives an operator's dialogue, with the command rvl, through whatever may come over a connection. The input is
-// the size of the pieces that arrive (one byte; 0 for all at once) and what the operator types.
+// Drives an operator's dialogue, with the command rvl, through whatever may come over a connection. The input
+// is the size of the pieces that arrive (one byte; 0 for all at once) and what the operator types.
 #include <Plinth/Component.h>
 #include <Plinth/Console.h>
 #include <Plinth/Log.h>
@@ -14,6 +14,7 @@
 
 #include "Debug/Debug.h"
 #include "Debug/DebugControl.h"
+#include "Debug/Stat.h"
 #include "FuzzBytes.h"
 
 namespace {
@@ -32,6 +33,7 @@ void setUp() {
     const auto path = std::filesystem::temp_directory_path() / "ravelo-console-fuzz";
     require(Plinth::CConsoleHost::start(path.c_str()));
     require(Ravelo::InitConsoleDebug());
+    Ravelo::Stat::registerCommand();
     Plinth::CConsoleHost::stop();
     // Commands stay; only their answers are heard.
     Plinth::setLogLevel(-1);

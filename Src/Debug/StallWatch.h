@@ -11,8 +11,8 @@ namespace Veltro::Ravelo {
 
 /// Looks at every reactor thread from time to time and reports whose callback has run too long, each once.
 ///
-/// Callbacks are not timed by their own threads, which would cost each of them two looks at the clock: one that
-/// stands at two looks has run at least as long as lies between them. One thread at a time may use it.
+/// Callbacks are not timed by their own threads, which would cost each of them two looks at the clock: one
+/// that stands at two looks has run at least as long as lies between them. One thread at a time may use it.
 class CStallWatch {
 public:
     /// See CNetThread::SetStallReport. Any thread may call.

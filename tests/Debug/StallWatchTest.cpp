@@ -17,8 +17,8 @@ namespace Veltro::Ravelo {
 namespace {
 
 using TestSupport::CGate;
-using TestSupport::closeAndWait;
 using TestSupport::CLogCapture;
+using TestSupport::closeAndWait;
 using TestSupport::CPublicPool;
 using TestSupport::CTestHandler;
 
@@ -53,8 +53,10 @@ TEST_F(StallWatch, ReportsACallbackOnceWithClassIdAndThread) {
     lookAt(start_ms + 1'000);
     lookAt(start_ms + 10'000);
     EXPECT_EQ(lines(), 1);
-    EXPECT_EQ(log.count(WARNING, std::string(LINE) + "1000 ms and goes on, obj_type:Veltro::TestSupport::CTestHandler, "
-                                 "obj_id:" + std::to_string(handler->GetID()) + ", thread[" +
+    EXPECT_EQ(log.count(WARNING, std::string(LINE) +
+                                     "1000 ms and goes on, obj_type:Veltro::TestSupport::CTestHandler, "
+                                     "obj_id:" +
+                                     std::to_string(handler->GetID()) + ", thread[" +
                                      std::to_string(Plinth::getCurrentThreadId()) + "], name[]\n"),
               1);
 }

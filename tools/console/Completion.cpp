@@ -23,6 +23,9 @@ const std::map<std::string, Words>& grammar() {
         {"rvl -man", {"mask", "revents"}},
         {"rvl -man mask", {"all"}},
         {"rvl -man revents", {"all"}},
+        {"stat",
+         {"-json", "-metrics", "handlers", "messages", "pools", "sockets", "threads", "timers", "times"}},
+        {"stat times", {"-json", "-metrics", "off", "on"}},
     };
     return words;
 }
