@@ -24,6 +24,12 @@ install(TARGETS Plinthmd Ravelomd_ssl EXPORT RaveloTargets
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+if(RAVELO_BUILD_TOOLS)
+    if(NOT WIN32)
+        set_target_properties(ravelo-console PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    endif()
+    install(TARGETS ravelo-console RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
 install(DIRECTORY include/Ravelo Plinth/include/Plinth
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 install(EXPORT RaveloTargets NAMESPACE Ravelo:: DESTINATION ${package_dir})

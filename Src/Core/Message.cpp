@@ -99,7 +99,7 @@ void CMessage::dispatch(CThreadPool& pool, CCurrentObject& current, SEvent* reco
     if (isClose(*record)) {
         pool.unbind(record->receiver);
     } else {
-        current.set(*handler);
+        current.set(*handler, record->receiver);
         handler->handle_message(static_cast<long>(record->sender), record->type,
                                 static_cast<long>(record->info));
         current.clear();

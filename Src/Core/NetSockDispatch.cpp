@@ -54,7 +54,7 @@ int callOwner(CCurrentObject& current, SEvent& record, SockTrace::EDispatch disp
         return -1;
     }
     SockTrace::dispatchBegin(record, *owner, dispatch);
-    current.set(*owner);
+    current.set(*owner, SNetHandlerRecord::of(*owner).id());
     const bool timed_out = dispatch == SockTrace::EDispatch::Timeout;
     const int result = timed_out ? handleTimeout(*owner, record) : handleNet(*owner, record);
     current.clear();

@@ -11,6 +11,7 @@
 #include "Core/PoolTable.h"
 #include "Core/SockTimer.h"
 #include "Debug/SockDump.h"
+#include "Debug/StallWatch.h"
 #include "Log.h"
 #include "Socket/SocketApi.h"
 #include "Socket/SslSetup.h"
@@ -271,6 +272,10 @@ int CNetThread::SetSocketCapacity(unsigned int per_kind) {
     if (!guard) return refuseStopping();
     state.capacity = per_kind;
     return 0;
+}
+
+void CNetThread::SetStallReport(unsigned int limit_ms) {
+    CStallWatch::setLimit(limit_ms);
 }
 
 int CNetThread::EnableR3() {

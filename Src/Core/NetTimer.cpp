@@ -208,7 +208,7 @@ void CNetTimer::dispatch(CThreadPool& pool, CCurrentObject& current, STimer* tim
         return;
     }
     R3Trace::timerBegin(*handler);
-    current.set(*handler);
+    current.set(*handler, timer->handler_id);
     const std::int64_t result = handler->handle_timeout(static_cast<long>(timer->key));
     current.clear();
     R3Trace::timerEnd(*handler);

@@ -1,12 +1,14 @@
 #include "Core/SockTimer.h"
 
 #include <Plinth/Thread.h>
+#include <Plinth/Time.h>
 
 #include <memory>
 
 #include "Core/PoolTable.h"
 #include "Core/SockTrace.h"
 #include "Core/ThreadPool.h"
+#include "Debug/StallWatch.h"
 
 namespace Veltro::Ravelo {
 
@@ -68,8 +70,11 @@ int CSockTimer::start() {
     s_state.clock_ms.store(0);
     s_state.thread = std::make_unique<Plinth::CThreadLite>(
         [](Plinth::CThreadLite& self) {
+            CStallWatch stalls;
             while (self.looping()) {
-                if (!s_state.stop.pend(TICK_MS * 1000)) scan();
+                if (s_state.stop.pend(TICK_MS * 1000)) continue;
+                scan();
+                stalls.look(Plinth::CTime::getCurrentMilliSecond());
             }
         },
         "Sock_Timer_Thread", Plinth::PRIORITY_NORMAL, Plinth::POLICY_NORMAL, 0);

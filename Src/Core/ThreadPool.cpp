@@ -1,5 +1,6 @@
 #include "Core/ThreadPool.h"
 
+#include <Plinth/Time.h>
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/TsMemory.h>
 
@@ -159,7 +160,7 @@ void CThreadPool::ThreadProc(Plinth::CThreadLite& self) {
     RAVELO_ASSERT(m_reactor_token->key == EVENT_KEY_REACTOR_TOKEN);
     CPoolTable::setCurrent(this);
     {
-        CCurrentObject current;
+        CCurrentObject current(number());
         const CEventPool::CThreadList records;
         SQueueRecord* record = nullptr;
         while (self.looping()) {
@@ -191,6 +192,7 @@ SQueueRecord* CThreadPool::dispatch(CCurrentObject& current, SQueueRecord* recor
         drain_serial(current, record);
     } else {
         const std::int64_t key = record->key;
+        if (key == EVENT_KEY_HEARTBEAT) note_wait(static_cast<SEvent*>(record)->info);
         CEventPool::put(static_cast<SEvent*>(record));
         if (key != EVENT_KEY_HEARTBEAT) {
             RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR,
@@ -200,6 +202,17 @@ SQueueRecord* CThreadPool::dispatch(CCurrentObject& current, SQueueRecord* recor
         }
     }
     return nullptr;
+}
+
+/// A heartbeat has come through the queue: it waited like everything else, and may be asked for how long.
+void CThreadPool::note_wait(std::int64_t pushed_us) {
+    const std::int64_t wait_us =
+        static_cast<std::int64_t>(Plinth::CTime::getCurrentMicroSecond()) - pushed_us;
+    m_last_wait_us.store(wait_us, std::memory_order_relaxed);
+    // Two heartbeats at a time would be a pool that stands still for seconds: the longer of them may be lost.
+    if (wait_us > m_longest_wait_us.load(std::memory_order_relaxed)) {
+        m_longest_wait_us.store(wait_us, std::memory_order_relaxed);
+    }
 }
 
 /// One wait for the sockets: what fired goes to the queue's end, the token behind it.
@@ -241,7 +254,10 @@ void CThreadPool::DaemonThreadProc(Plinth::CThreadLite& self) {
         const std::int64_t loops = m_loop_counter.load(std::memory_order_relaxed);
         if (loops != seen_loops) self.setWatchdog(times.watchdog_ms);
         seen_loops = loops;
-        if (SEvent* heartbeat = CEventPool::get(EVENT_KEY_HEARTBEAT)) m_queue.push(heartbeat);
+        if (SEvent* heartbeat = CEventPool::get(EVENT_KEY_HEARTBEAT)) {
+            heartbeat->info = static_cast<std::int64_t>(Plinth::CTime::getCurrentMicroSecond());
+            m_queue.push(heartbeat);
+        }
         registerConsoleOnce();
         if (self.isWatchdogExpired()) {
             RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "All Ravelo Thread deadlock !!!!!!\n");

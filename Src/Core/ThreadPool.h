@@ -54,6 +54,9 @@ public:
     bool start();
     /// Ends workers and daemon and waits for them; not from one of its own threads.
     void stop();
+    /// How long heartbeats waited in the queue, in microseconds: the last one, and the longest of all.
+    std::int64_t lastWaitUs() const { return m_last_wait_us.load(std::memory_order_relaxed); }
+    std::int64_t longestWaitUs() const { return m_longest_wait_us.load(std::memory_order_relaxed); }
     bool isStopping() const { return m_stopping.load(std::memory_order_relaxed); }
 
     int number() const { return static_cast<int>(m_number); }
@@ -93,6 +96,7 @@ private:
     void ThreadProc(Plinth::CThreadLite& self);
     SQueueRecord* dispatch(CCurrentObject& current, SQueueRecord* record);
     SQueueRecord* run_pass(SQueueRecord* token);
+    void note_wait(std::int64_t pushed_us);
     void drain_serial(CCurrentObject& current, SQueueRecord* token);
     void DaemonThreadProc(Plinth::CThreadLite& self);
     void free_queued();
@@ -107,6 +111,8 @@ private:
     SEvent* const m_reactor_token;
     std::unique_ptr<Plinth::CThreadLite> m_daemon;
     std::atomic<std::int64_t> m_loop_counter{0};
+    std::atomic<std::int64_t> m_last_wait_us{0};
+    std::atomic<std::int64_t> m_longest_wait_us{0};
     std::atomic<bool> m_stopping{false};
     Plinth::CSemaphore m_semaphore;  // wakes the daemon at the end
     Plinth::CMutex m_serial_mutex;   // guards whether the serial token is under way

@@ -3,6 +3,7 @@
 #include <Plinth/Mutex.h>
 
 #include "Debug/Debug.h"
+#include "Debug/Stat.h"
 #include "Log.h"
 
 namespace Veltro::Ravelo {
@@ -24,6 +25,7 @@ void registerConsoleOnce() {
     if (s_registration.done) return;
     if (InitConsoleDebug()) {
         s_registration.done = true;
+        Stat::registerCommand();
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "InitConsoleDebug ok! run happy.\n");
     } else if (++s_registration.attempt <= MAX_ATTEMPTS) {
         RAVELO_LOG(Plinth::LOG_LEVEL_ERROR, "InitConsoleDebug Failed! try again.\n");

@@ -44,6 +44,11 @@ public:
     /// Windows 4096 is also the most. @return 0, or -1 for 0 or, on Windows, for more.
     static int SetSocketCapacity(unsigned int per_kind);
 
+    /// Sets how long a callback may run before one line (level 3) names its handler's class and id and its
+    /// thread; 1000 ms at the start, 0 for never. At most 5 such lines a minute. Looked at every half second,
+    /// so a callback is reported when it has run for as long as that, and up to a second longer.
+    static void SetStallReport(unsigned int limit_ms);
+
     /// Starts the remote command server; it is switched off in this build: -1.
     static int EnableR3();
     /// Stops the remote command server and forgets its registered functions, as R3ServerExit(). 0.

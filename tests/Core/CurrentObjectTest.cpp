@@ -46,7 +46,7 @@ TEST(CurrentObject, ShowsTheObjectAndItsClassBetweenSetAndClear) {
     auto* handler = new CTestHandler;
     {
         CCurrentObject current;
-        current.set(*handler);
+        current.set(*handler, handler->GetID());
         EXPECT_EQ(currentObjects()[Plinth::getCurrentThreadId()], handler);
         const std::type_info* type = nullptr;
         CCurrentObject::visit([&type](unsigned long thread_id, const CCurrentObject::SModule& module) {

@@ -39,7 +39,9 @@ TEST(ConsoleAttempts, ASuccessIsLoggedAndTheLast) {
     registerConsoleOnce();
     EXPECT_EQ(log.count(ERROR_LEVEL, ", InitConsoleDebug ok! run happy.\n"), 1);
     EXPECT_EQ(log.allLines().size(), 1U);
-    EXPECT_EQ(console->registered, 1);
+    // "rvl", and "stat" beside it.
+    EXPECT_EQ(console->registered, 2);
+    EXPECT_EQ(console->last_name, "stat");
     Plinth::CComponentRegistry::setConsole(nullptr);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Plinth/Component.h>
+#include <Plinth/Console.h>
 #include <Plinth/Error.h>
 #include <Plinth/File.h>
 #include <Plinth/Function.h>

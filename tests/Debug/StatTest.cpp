@@ -1,0 +1,149 @@
+#include "Debug/Stat.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Core/StreamPair.h"
+#include "Debug/CallbackTimes.h"
+#include "Debug/StatTable.h"
+#include "Support/LogCapture.h"
+#include "Support/Reactor.h"
+
+namespace Veltro::Ravelo {
+namespace {
+
+using TestSupport::closeAndWait;
+using TestSupport::CLogCapture;
+using TestSupport::CPublicPool;
+using TestSupport::CTestHandler;
+using TestSupport::SStreamPair;
+
+using Lines = std::vector<std::string>;
+
+const std::vector<SStatTable> TABLES = {
+    {"pool", {{{{"number", "0"}}, {{"threads", 2}, {"queued", 0}}}, {{{"number", "1"}}, {{"threads", 4}, {"queued", 7}}}}},
+    {"timer", {{{}, {{"armed", 3}}}}},
+    {"time", {}}};
+
+TEST(StatTable, WritesLinesForPersons) {
+    EXPECT_EQ(statLines(TABLES, EStatForm::Text),
+              (Lines{"pool number 0: threads 2, queued 0", "pool number 1: threads 4, queued 7", "timer: armed 3"}));
+}
+
+TEST(StatTable, WritesOneJsonObject) {
+    EXPECT_EQ(statLines(TABLES, EStatForm::Json),
+              (Lines{R"({"pool":[{"number":"0","threads":2,"queued":0},{"number":"1","threads":4,"queued":7}],)"
+                     R"("timer":[{"armed":3}],"time":[]})"}));
+}
+
+TEST(StatTable, WritesMetricsFigureByFigure) {
+    EXPECT_EQ(statLines(TABLES, EStatForm::Metrics),
+              (Lines{"# TYPE ravelo_pool_threads gauge", R"(ravelo_pool_threads{number="0"} 2)",
+                     R"(ravelo_pool_threads{number="1"} 4)", "# TYPE ravelo_pool_queued gauge",
+                     R"(ravelo_pool_queued{number="0"} 0)", R"(ravelo_pool_queued{number="1"} 7)",
+                     "# TYPE ravelo_timer_armed gauge", "ravelo_timer_armed 3"}));
+}
+
+TEST(StatTable, EscapesWhatEndsAText) {
+    EXPECT_EQ(statLines({{"x", {{{{"l", "a\"b\\c\n"}}, {{"v", 1}}}}}}, EStatForm::Json),
+              (Lines{R"({"x":[{"l":"a\"b\\c\u000a","v":1}]})"}));
+}
+
+class Stat : public testing::Test {
+protected:
+    ~Stat() override {
+        handler->RemoveSock(pair.near_end);
+        closeAndWait(handler);
+    }
+    /// What the command answers.
+    Lines run(Lines words, int result = 0) {
+        std::vector<char*> argv;
+        for (std::string& word : words) argv.push_back(word.data());
+        CLogCapture log;
+        EXPECT_EQ(Ravelo::Stat::OnStat(static_cast<int>(argv.size()), argv.data()), result);
+        Lines lines;
+        for (const auto& line : log.lines()) lines.push_back(line.text);
+        return lines;
+    }
+    std::string only(const Lines& words) {
+        const Lines lines = run(words);
+        EXPECT_EQ(lines.size(), 1U);
+        return lines.empty() ? "" : lines[0];
+    }
+
+    const CPublicPool pool;
+    CTestHandler* handler = new CTestHandler;
+    SStreamPair pair;
+};
+
+TEST_F(Stat, ShowsThePools) {
+    handler->RegisterSock(pair.near_end, EventMask::Read, 0);
+    const std::string line = only({"pools"});
+    EXPECT_TRUE(line.starts_with("pool number 0: threads ")) << line;
+    EXPECT_NE(line.find(", handlers 1, sockets 1, callbacks "), std::string::npos) << line;
+}
+
+TEST_F(Stat, CountsCallbacks) {
+    EXPECT_NE(only({"pools"}).find(", callbacks 0\n"), std::string::npos);
+    std::atomic<int> calls{0};
+    handler->on_message = [&calls](long, unsigned, long) { return ++calls; };
+    for (int i = 0; i < 50; ++i) handler->Notify(handler->GetID(), 1, 0);
+    EXPECT_TRUE(TestSupport::waitUntil([&calls] { return calls.load() == 50; }));
+    EXPECT_NE(only({"pools"}).find(", callbacks 50\n"), std::string::npos);
+}
+
+TEST_F(Stat, ShowsHandlersByClassWithTheirSockets) {
+    handler->RegisterSock(pair.near_end, EventMask::Read, 0);
+    EXPECT_EQ(only({"handlers"}), "handler class Veltro::TestSupport::CTestHandler: count 1, sockets 1\n");
+}
+
+TEST_F(Stat, ShowsWhatSocketsWaitFor) {
+    handler->RegisterSock(pair.near_end, EventMask::Read, 5'000'000);
+    EXPECT_EQ(only({"sockets"}), "socket pool 0: count 1, reading 1, writing 0, with_timeout 1, in_flight 0\n");
+}
+
+TEST_F(Stat, ShowsTimers) {
+    EXPECT_EQ(only({"timers"}), "timer: armed 0\n");
+    const long timer = handler->SetTimer(60'000'000);
+    EXPECT_EQ(only({"timers"}), "timer: armed 1\n");
+    handler->DestroyTimer(timer);
+}
+
+TEST_F(Stat, ShowsThreadsAndMessages) {
+    const Lines lines = run({"threads"});
+    EXPECT_GE(lines.size(), 2U);
+    EXPECT_NE(lines[0].find(" name Ravelo0: busy 0, callbacks "), std::string::npos) << lines[0];
+    EXPECT_TRUE(only({"messages"}).starts_with("message: waiting_for_file_threads 0, records_in_use "));
+}
+
+TEST_F(Stat, SwitchesTheTimingOfCallbacks) {
+    EXPECT_EQ(only({"times", "on"}), "callbacks are timed from now on\n");
+    EXPECT_TRUE(CallbackTimes::isOn());
+    handler->on_message = [](long, unsigned, long) { return 0; };
+    handler->Notify(handler->GetID(), 1, 0);
+    EXPECT_TRUE(TestSupport::waitUntil([] { return !CallbackTimes::list().empty(); }));
+    EXPECT_TRUE(only({"times"}).starts_with("time class Veltro::TestSupport::CTestHandler: callbacks 1, longest_us "));
+    EXPECT_EQ(only({"times", "off"}), "callbacks are timed no more\n");
+    EXPECT_FALSE(CallbackTimes::isOn());
+}
+
+TEST_F(Stat, ShowsEverythingWithoutAWord) {
+    const Lines lines = run({});
+    EXPECT_GE(lines.size(), 6U);
+    EXPECT_TRUE(only({"-json"}).starts_with("{\"pool\":[{\"number\":\"0\","));
+    EXPECT_EQ(run({"-metrics"})[0], "# TYPE ravelo_pool_threads gauge\n");
+}
+
+TEST_F(Stat, RefusesAWordThatItDoesNotKnow) {
+    const Lines lines = run({"pool"}, 2);
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0], "unknown word: pool\n");
+    EXPECT_EQ(run({"on"}, 2).size(), 3U);
+    EXPECT_EQ(run({"times", "-json", "on"}, 2).size(), 3U);
+    EXPECT_EQ(run({std::string(1 << 20, 'x')}, 2)[0], "unknown word: " + std::string(40, 'x') + "\n");
+}
+
+}  // namespace
+}  // namespace Veltro::Ravelo
