@@ -328,6 +328,7 @@ def parse_options():
     parser.add_argument("--emulator", default="")
     parser.add_argument("--nc", default=shutil.which("nc"))
     parser.add_argument("--socat", default=shutil.which("socat"))
+    parser.add_argument("--certificates", default="")
     return parser.parse_args()
 
 

@@ -210,7 +210,11 @@ TEST(SslAcceptorRude, AClientThatResetsIsRefused) {
     SPatientServer listener;
     const auto client = sendBytes(listener, std::string("\x16\x03\x01", 3), false);
     TestSupport::reset(*client);
-    listener.refuse("a reset");
+    CSslStream server;
+    const CLogCapture log;
+    // On some systems such a connection cannot even be accepted any more.
+    EXPECT_EQ(-1, listener.acceptor.Accept(server));
+    EXPECT_EQ(1U, log.lines().size());
     listener.serveOne("a reset");
 }
 

