@@ -134,7 +134,7 @@ struct MediaModel : MediaTest, ::testing::WithParamInterface<unsigned> {
             EXPECT_EQ(0, put(buffer, packets, bytes.substr(begin, length), is_last ? 1 : roll(2) * 2,
                              is_last ? level : 1 + roll(10), channel));
             begin += length;
-            if (roll(40) == 0) put(buffer, packets, "", 0, 1, channel);
+            if (!is_last && roll(40) == 0) put(buffer, packets, "", 0, 1, channel);
         }
     }
     void step() {
