@@ -134,7 +134,7 @@ struct MediaModel : MediaTest, ::testing::WithParamInterface<unsigned> {
             EXPECT_EQ(0, put(buffer, packets, bytes.substr(begin, length), is_last ? 1 : roll(2) * 2,
                              is_last ? level : 1 + roll(10), channel));
             begin += length;
-            if (roll(40) == 0) put(buffer, packets, "", 0, 1, channel);
+            if (!is_last && roll(40) == 0) put(buffer, packets, "", 0, 1, channel);
         }
     }
     void step() {
@@ -183,24 +183,26 @@ TEST_P(MediaModel, EveryReceiverGetsWholeFramesInOrderFromKeyFramesOn) {
             clients.back()->reader.setChannels(1U << (i + 1));
         }
     }
-    const auto steps = static_cast<int>(scaledDown(20'000));
+    const auto steps = static_cast<int>(std::max<std::size_t>(scaledDown(20'000), 5'000));
     for (int i = 0; i < steps; ++i) {
         step();
         if (i % 16 == 0) expectInvariants(buffer);
         if (HasFailure()) FAIL() << "after step " << i;
     }
     std::uint64_t skipped = 0;
+    std::uint64_t received = 0;
     for (const auto& client : clients) {
         client->receiver.open();
         buffer.do_send();
         read(*client);
         EXPECT_TRUE(client->reader.isAtAnEnd() || !client->linked);
-        EXPECT_GT(client->reader.frames(), 0U);
         EXPECT_GE(client->receiver->GetCounters().frames_sent, client->reader.frames());
+        received += client->reader.frames();
         skipped += client->receiver->GetCounters().skipped_late;
         buffer.DelSender(client->receiver.get());
     }
     EXPECT_GT(skipped, 0U) << "or this has tested little";
+    EXPECT_GT(received, 100U);
     EXPECT_EQ(0U, buffer.GetBufferSize());
     clients.clear();
     EXPECT_EQ(0, packets.outstanding());
