@@ -27,14 +27,13 @@ std::string SNetHandlerRecord::className(const CNetHandler* handler) {
 
 namespace {
 
-/// Holds a reference for the time of a call, if the handler is open.
+/// Holds a reference for the time of a call, if the handler is open. Without the lock: a handler that is
+/// being closed meanwhile has left its pool's table before its last reference goes, and gives none any more.
 class COpenHandler {
 public:
     explicit COpenHandler(CNetHandler& handler) : m_handler(handler) {
         SNetHandlerRecord& record = SNetHandlerRecord::of(handler);
-        Plinth::CLockGuard guard(record.mutex);
-        m_open = record.__m_magic == MAGIC_OPEN;
-        if (m_open) handler.AddRef();
+        m_open = record.__m_magic.load() == MAGIC_OPEN && record.references.addIfBound();
     }
     ~COpenHandler() {
         if (m_open) m_handler.DecRef();
@@ -63,11 +62,8 @@ CNetHandler::CNetHandler(int pool_number) : m_internal(new SNetHandlerRecord) {
 }
 
 CNetHandler::~CNetHandler() {
-    {
-        Plinth::CLockGuard guard(m_internal->mutex);
-        const auto __m_magic = m_internal->__m_magic;
-        RAVELO_ASSERT(__m_magic == 0x0202);
-    }
+    const auto __m_magic = m_internal->__m_magic.load();
+    RAVELO_ASSERT(__m_magic == 0x0202);
     if (m_internal->sockets.load() > 0) {
         RAVELO_LOG_THIS(
             Plinth::LOG_LEVEL_ERROR,

@@ -45,11 +45,11 @@ private:
 
 /// The private state of a CNetHandler. It lives as long as the handler or a share in it, whichever is longer.
 struct SNetHandlerRecord {
-    std::uint16_t __m_magic PLINTH_GUARDED_BY(mutex) = MAGIC_OPEN;
+    std::atomic<std::uint16_t> __m_magic{MAGIC_OPEN};   ///< written under the mutex
     std::uint8_t closing PLINTH_GUARDED_BY(mutex) = 0;  ///< set once, before handle_close()
     SObjectEntry entry;                                 ///< in the pool's object table; its key is the id
     std::uint64_t pool_birth = 0;                       ///< which of the pools that had the number in turn
-    Plinth::CMutex mutex;                               ///< guards __m_magic and closing
+    Plinth::CMutex mutex;                               ///< guards closing, and serialises Close()
     std::atomic<std::int32_t> holders{1};               ///< the handler and the shares
     CReferences references;
     std::atomic<std::int64_t> sockets{0};

@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "Core/PoolTable.h"
 #include "Tool/MediaStreamReceiverRecord.h"
 #include "Tool/PacingGroup.h"
 
@@ -60,6 +61,9 @@ private:
 
 /// Waits until the public pool has come to what was posted so far: its end would drop it.
 void waitForDelivery() {
+    // A pool without workers, as a single processor allows, never comes to anything.
+    const CThreadPool* pool = CPoolTable::peek(0);
+    if (pool == nullptr || pool->threadCount() == 0) return;
     Plinth::CSemaphore gone;
     try {
         auto* message = new CLastMessage(gone);

@@ -14,7 +14,8 @@ namespace Veltro::Ravelo::RecvThreads {
 /// receiver. 0, or -1 without memory.
 int start(unsigned processors, int priority, int policy, int param);
 /// Ends the threads and closes the receivers that are left; returns when the public pool has delivered what
-/// they had to say. From here on none can join. Harmless when nothing was started.
+/// they had to say. From here on none can join. Harmless when nothing was started. Under the creation mutex,
+/// as start() and setPace().
 void stop();
 /// Sets the milliseconds between two ticks, for threads that start from now on.
 void setPace(int value);
