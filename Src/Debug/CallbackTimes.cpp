@@ -92,7 +92,8 @@ std::vector<STimes> list() {
     {
         Plinth::CLockGuard guard(s_table.mutex);
         for (const auto& [type, histogram] : s_table.classes) {
-            times.push_back({Plinth::readableTypeName(*type), histogram.callbacks, histogram.longest_us, histogram.p99()});
+            times.push_back({Plinth::readableTypeName(*type), histogram.callbacks, histogram.longest_us,
+                             histogram.p99()});
         }
     }
     std::sort(times.begin(), times.end(),

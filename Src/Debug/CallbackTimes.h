@@ -1,5 +1,5 @@
-// How long callbacks run, by class of handler. Off until an operator switches it on; then each callback costs two
-// looks at the clock and a lock, else one relaxed load before it and one after.
+// How long callbacks run, by class of handler. Off until an operator switches it on; then each callback costs
+// two looks at the clock and a lock, else one relaxed load before it and one after.
 #pragma once
 
 #include <atomic>

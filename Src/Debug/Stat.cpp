@@ -161,8 +161,8 @@ struct STopic {
     SStatTable (*read)();
 };
 
-constexpr STopic TOPICS[] = {{"pools", &pools},     {"threads", &threads},   {"handlers", &handlers},
-                             {"sockets", &sockets}, {"timers", &timers},     {"messages", &messages},
+constexpr STopic TOPICS[] = {{"pools", &pools},     {"threads", &threads}, {"handlers", &handlers},
+                             {"sockets", &sockets}, {"timers", &timers},   {"messages", &messages},
                              {"times", &times}};
 
 /// Logged as the command's own, like the answers of its neighbour.

@@ -7,9 +7,10 @@ namespace Veltro::Ravelo::Stat {
 void registerCommand();
 
 /// The command's handler: logs the figures at level 4. Any thread may call.
-/// @param argc, argv the words: which figures ("pools", "threads", "handlers", "sockets", "timers", "messages",
-///        "times"; all of them without), and "-json" or "-metrics" for programs. "times on" and "times off" switch the
-///        timing of callbacks.
+/// @param argc, argv the words: which figures ("pools", "threads", "handlers", "sockets", "timers",
+/// "messages",
+///        "times"; all of them without), and "-json" or "-metrics" for programs. "times on" and "times off"
+///        switch the timing of callbacks.
 /// @return 0, or 2 when it does not know a word.
 int OnStat(int argc, char** argv);
 

@@ -41,7 +41,8 @@ std::string textOf(const std::string& table, const SStatRow& row) {
 std::string jsonOf(const SStatRow& row) {
     std::string members;
     for (const auto& [label, value] : row.labels) add(members, ",", quoted(label) + ":" + quoted(value));
-    for (const auto& [name, value] : row.values) add(members, ",", quoted(name) + ":" + std::to_string(value));
+    for (const auto& [name, value] : row.values)
+        add(members, ",", quoted(name) + ":" + std::to_string(value));
     return "{" + members + "}";
 }
 

@@ -20,7 +20,8 @@ struct SStatTable {
     std::vector<SStatRow> rows;
 };
 
-/// How figures are written: lines for persons, one JSON object, or lines of the text format that Prometheus reads.
+/// How figures are written: lines for persons, one JSON object, or lines of the text format that Prometheus
+/// reads.
 enum class EStatForm { Text, Json, Metrics };
 
 /// The lines, without their ends. May throw std::bad_alloc.

@@ -6,6 +6,7 @@ usage: run_console.py CASE --bin FOLDER [--suffix .exe] [--emulator wine] --soca
 import argparse
 import contextlib
 import os
+import re
 import socket
 import subprocess
 import sys
@@ -212,6 +213,32 @@ def SilentSocatDisturbsNobody(options):
         assert target.run("-c", "rings")[1] == b"0 rings\n"
 
 
+def MetricsArePrometheusText(options):
+    with tempfile.TemporaryDirectory() as folder:
+        environment = {**os.environ, "XDG_RUNTIME_DIR": folder} if not options.emulator else dict(os.environ)
+        command = ([options.emulator] if options.emulator else []) + [
+            os.path.join(options.bin, "metrics" + options.suffix)]
+        with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=environment) as server:
+            try:
+                address = server.stdout.readline().decode().strip().removeprefix("listening on ")
+                page = ""
+                for _ in range(PATIENCE):
+                    result = subprocess.run([options.curl, "-s", "--max-time", "20", f"http://{address}/metrics"],
+                                            capture_output=True, check=True, timeout=PATIENCE)
+                    page = result.stdout.decode()
+                    if page.startswith("# TYPE"):
+                        break
+                    time.sleep(0.2)
+                figures = [line for line in page.splitlines() if not line.startswith("# TYPE ravelo_")]
+                pattern = r'ravelo_[a-z0-9_]+(\{[a-z]+="[^"]*"(,[a-z]+="[^"]*")*\})? -?[0-9]+'
+                assert figures and all(re.fullmatch(pattern, line) for line in figures), page
+                assert any(line.startswith('ravelo_handler_count{class="CPage"} 1') for line in figures), page
+                server.communicate(b"\n", timeout=PATIENCE)
+                assert server.returncode == 0, server.returncode
+            finally:
+                server.kill()
+
+
 class Screen:
     """A terminal of 80 columns that tmux keeps."""
 
@@ -281,6 +308,7 @@ def parse_options():
     parser.add_argument("--suffix", default="")
     parser.add_argument("--emulator", default="")
     parser.add_argument("--socat", default="socat")
+    parser.add_argument("--curl", default="curl")
     parser.add_argument("--tmux", default="tmux")
     return parser.parse_args()
 

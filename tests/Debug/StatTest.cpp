@@ -14,28 +14,31 @@
 namespace Veltro::Ravelo {
 namespace {
 
-using TestSupport::closeAndWait;
 using TestSupport::CLogCapture;
+using TestSupport::closeAndWait;
 using TestSupport::CPublicPool;
 using TestSupport::CTestHandler;
 using TestSupport::SStreamPair;
 
 using Lines = std::vector<std::string>;
 
-const std::vector<SStatTable> TABLES = {
-    {"pool", {{{{"number", "0"}}, {{"threads", 2}, {"queued", 0}}}, {{{"number", "1"}}, {{"threads", 4}, {"queued", 7}}}}},
-    {"timer", {{{}, {{"armed", 3}}}}},
-    {"time", {}}};
+const std::vector<SStatTable> TABLES = {{"pool",
+                                         {{{{"number", "0"}}, {{"threads", 2}, {"queued", 0}}},
+                                          {{{"number", "1"}}, {{"threads", 4}, {"queued", 7}}}}},
+                                        {"timer", {{{}, {{"armed", 3}}}}},
+                                        {"time", {}}};
 
 TEST(StatTable, WritesLinesForPersons) {
     EXPECT_EQ(statLines(TABLES, EStatForm::Text),
-              (Lines{"pool number 0: threads 2, queued 0", "pool number 1: threads 4, queued 7", "timer: armed 3"}));
+              (Lines{"pool number 0: threads 2, queued 0", "pool number 1: threads 4, queued 7",
+                     "timer: armed 3"}));
 }
 
 TEST(StatTable, WritesOneJsonObject) {
-    EXPECT_EQ(statLines(TABLES, EStatForm::Json),
-              (Lines{R"({"pool":[{"number":"0","threads":2,"queued":0},{"number":"1","threads":4,"queued":7}],)"
-                     R"("timer":[{"armed":3}],"time":[]})"}));
+    EXPECT_EQ(
+        statLines(TABLES, EStatForm::Json),
+        (Lines{R"({"pool":[{"number":"0","threads":2,"queued":0},{"number":"1","threads":4,"queued":7}],)"
+               R"("timer":[{"armed":3}],"time":[]})"}));
 }
 
 TEST(StatTable, WritesMetricsFigureByFigure) {
@@ -101,7 +104,8 @@ TEST_F(Stat, ShowsHandlersByClassWithTheirSockets) {
 
 TEST_F(Stat, ShowsWhatSocketsWaitFor) {
     handler->RegisterSock(pair.near_end, EventMask::Read, 5'000'000);
-    EXPECT_EQ(only({"sockets"}), "socket pool 0: count 1, reading 1, writing 0, with_timeout 1, in_flight 0\n");
+    EXPECT_EQ(only({"sockets"}),
+              "socket pool 0: count 1, reading 1, writing 0, with_timeout 1, in_flight 0\n");
 }
 
 TEST_F(Stat, ShowsTimers) {
@@ -124,7 +128,8 @@ TEST_F(Stat, SwitchesTheTimingOfCallbacks) {
     handler->on_message = [](long, unsigned, long) { return 0; };
     handler->Notify(handler->GetID(), 1, 0);
     EXPECT_TRUE(TestSupport::waitUntil([] { return !CallbackTimes::list().empty(); }));
-    EXPECT_TRUE(only({"times"}).starts_with("time class Veltro::TestSupport::CTestHandler: callbacks 1, longest_us "));
+    EXPECT_TRUE(only({"times"}).starts_with(
+        "time class Veltro::TestSupport::CTestHandler: callbacks 1, longest_us "));
     EXPECT_EQ(only({"times", "off"}), "callbacks are timed no more\n");
     EXPECT_FALSE(CallbackTimes::isOn());
 }

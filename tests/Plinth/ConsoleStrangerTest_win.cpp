@@ -1,11 +1,13 @@
 // Who may attach: whoever can read the file with port and token.
 #include <winsock2.h>
 
+#include <windows.h>
+
 #include <Plinth/Console.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "Plinth/LocalConsole.h"
@@ -17,10 +19,23 @@ namespace {
 using TestSupport::CLocalConsole;
 using TestSupport::CTestOperator;
 
+/// Port and token out of the host's file, which goes when the host does: a reader must allow that.
+std::istringstream read(const std::string& path) {
+    const HANDLE file =
+        CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, 0, nullptr);
+    EXPECT_NE(file, INVALID_HANDLE_VALUE);
+    char text[256] = "";
+    DWORD length = 0;
+    ReadFile(file, text, sizeof text - 1, &length, nullptr);
+    CloseHandle(file);
+    return std::istringstream(text);
+}
+
 /// Says something to the port in the host's file; what comes back until the connection ends.
 std::string say(const std::string& path, const std::string& text) {
     unsigned short port = 0;
-    std::ifstream(path) >> port;
+    read(path) >> port;
     WSADATA data;
     WSAStartup(MAKEWORD(2, 2), &data);
     const SOCKET socket = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
@@ -43,7 +58,7 @@ std::string say(const std::string& path, const std::string& text) {
 std::string tokenOf(const std::string& path) {
     std::string port;
     std::string token;
-    std::ifstream(path) >> port >> token;
+    read(path) >> port >> token;
     return token;
 }
 
@@ -67,8 +82,8 @@ TEST(ConsoleStranger, WhoSaysAnotherTokenIsSentAwayWithoutAWord) {
     const CLocalConsole console;
     std::string token = tokenOf(console.path);
     token.back() = token.back() == '0' ? '1' : '0';
-    for (const std::string& wrong :
-         {token, std::string(), tokenOf(console.path) + "0", std::string("help")}) {
+    for (const std::string& wrong : {token, std::string(), tokenOf(console.path) + "0",
+                                     tokenOf(console.path).substr(1), std::string("help")}) {
         EXPECT_EQ(say(console.path, wrong + "\nhelp\n"), "") << wrong;
     }
 }
