@@ -20,6 +20,7 @@ struct SState {
     int peer_length = 0;  ///< 0: no peer yet
     bool is_connected = false;
     SSL* timer = nullptr;  ///< whose timer the reads follow
+    std::int64_t silence_us = 0;
     int error = 0;
 };
 
@@ -81,21 +82,24 @@ bool isFromPeer(SState& state, const sockaddr_in6& from, int from_length, const 
     return true;
 }
 
-/// Waits for a datagram during a handshake; false when it is time to repeat what was sent.
-bool waitInTime(SState& state) {
+enum class EWait { READY, REPEAT, SILENCE };
+
+/// Waits for a datagram during a handshake, or until it is time to repeat what was sent.
+EWait waitInTime(const SState& state) {
     while (state.timer != nullptr) {
         timeval left{};
-        std::int64_t left_us = HOUR_US;
-        if (DTLSv1_get_timeout(state.timer, &left) == 1) {
-            left_us = std::int64_t{left.tv_sec} * 1'000'000 + left.tv_usec;
-            if (left_us <= 0) return false;
-        }
+        const bool has_timer = DTLSv1_get_timeout(state.timer, &left) == 1;
+        std::int64_t left_us = state.peer_length != 0 ? state.silence_us : HOUR_US;
+        if (has_timer) left_us = std::int64_t{left.tv_sec} * 1'000'000 + left.tv_usec;
+        if (left_us <= 0) return EWait::REPEAT;
         unsigned ready = 0;
         const int waited = SocketApi::waitOne(state.fd, SocketApi::WAIT_READ, left_us, &ready);
+        if (waited == 0 && !has_timer && state.peer_length != 0) return EWait::SILENCE;
         // An error shows when the socket is read.
-        if (waited > 0 || (waited < 0 && !SocketApi::isInterrupted(SocketApi::lastError()))) return true;
+        if (waited > 0 || (waited < 0 && !SocketApi::isInterrupted(SocketApi::lastError())))
+            return EWait::READY;
     }
-    return true;
+    return EWait::READY;
 }
 
 int read(BIO* bio, char* buffer, int length) {
@@ -103,10 +107,10 @@ int read(BIO* bio, char* buffer, int length) {
     BIO_clear_retry_flags(bio);
     for (;;) {
         state.error = 0;
-        if (!waitInTime(state)) {
-            BIO_set_retry_read(bio);
-            return -1;
-        }
+        const EWait waited = waitInTime(state);
+        if (waited == EWait::REPEAT) BIO_set_retry_read(bio);
+        if (waited == EWait::SILENCE) state.error = SocketApi::timedOutError();
+        if (waited != EWait::READY) return -1;
         sockaddr_in6 from{};
         int from_length = SYSTEM_ADDRESS_BYTES;
         auto* address = reinterpret_cast<sockaddr*>(&from);
@@ -213,8 +217,9 @@ BIO* create(int fd, int family, const sockaddr_in6& peer, int peer_length) {
     return bio.release();
 }
 
-void followTimer(BIO* bio, SSL* ssl) {
+void followTimer(BIO* bio, SSL* ssl, std::int64_t silence_us) {
     stateOf(bio).timer = ssl;
+    stateOf(bio).silence_us = silence_us;
 }
 
 void prepare(BIO* bio, int fd) {

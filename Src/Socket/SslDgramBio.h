@@ -2,6 +2,8 @@
 // ends its handshakes, and without a connection it answers whoever sent last.
 #pragma once
 
+#include <cstdint>
+
 #include "Socket/OpenSslTypes.h"
 #include "Socket/SocketApi.h"
 
@@ -15,7 +17,9 @@ BIO* create(int fd, int family, const sockaddr_in6& peer, int peer_length);
 
 /// From now on a read waits until OpenSSL's timer runs out, and what is too long for the path counts as lost
 /// on the way: so that the one call of a handshake repeats what must be repeated. Null ends that.
-void followTimer(BIO* bio, SSL* ssl);
+/// @param silence_us how long a known peer may be silent while no timer runs, as when OpenSSL had no memory
+/// to start it; then the read fails with "timed out".
+void followTimer(BIO* bio, SSL* ssl, std::int64_t silence_us);
 
 /// Prepares for a call of OpenSSL's: what follows goes through this socket (-1: through none, which fails),
 /// and no socket error has happened yet.

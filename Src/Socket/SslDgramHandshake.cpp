@@ -25,6 +25,7 @@ constexpr int BY_IP_ONLY = 1;  // bit of the session option
 
 using TTimer = unsigned (*)(unsigned);
 std::atomic<TTimer> s_timer{nullptr};
+std::atomic<std::int64_t> s_silence_us{DTLS_SILENCE_US};
 
 unsigned askTimer(SSL*, unsigned last_us) {
     const TTimer timer = s_timer.load(std::memory_order_relaxed);
@@ -44,13 +45,13 @@ sockaddr_in6 ownAddress(int fd) {
 }
 
 /// Gives a connection its I/O object, which then is its own. @return null on failure.
-TDtlsConnection newConnection(SSL_CTX* ctx, BIO* bio) {
+TSslConnection newConnection(SSL_CTX* ctx, BIO* bio) {
     TBio owned(bio);
     if (owned == nullptr) return nullptr;
-    TDtlsConnection ssl(SSL_new(ctx));
+    TSslConnection ssl(SSL_new(ctx));
     if (ssl == nullptr) return nullptr;
     SSL_set_bio(ssl.get(), owned.get(), owned.get());
-    SslDgramBio::followTimer(owned.release(), ssl.get());
+    SslDgramBio::followTimer(owned.release(), ssl.get(), s_silence_us.load(std::memory_order_relaxed));
     if (s_timer.load(std::memory_order_relaxed) != nullptr) DTLS_set_timer_cb(ssl.get(), askTimer);
     return ssl;
 }
@@ -90,7 +91,8 @@ const CSockAddr* anyAddress(const CSockAddr& remote) {
 
 }  // namespace
 
-void setDtlsTimer(unsigned (*timer)(unsigned last_us)) {
+void setDtlsTimer(unsigned (*timer)(unsigned last_us), std::int64_t silence_us) {
+    s_silence_us.store(silence_us, std::memory_order_relaxed);
     s_timer.store(timer, std::memory_order_relaxed);
 }
 
@@ -237,7 +239,7 @@ bool CSslDgram::choose_ciphers() {
 
 int CSslDgram::finish_handshake() {
     SSslDgramRecord& own = *m_internal;
-    SslDgramBio::followTimer(SSL_get_rbio(own.m_ssl.get()), nullptr);
+    SslDgramBio::followTimer(SSL_get_rbio(own.m_ssl.get()), nullptr, 0);
     own.m_session_reused = SSL_session_reused(own.m_ssl.get()) == 1;
     own.m_dgram->SetBlockOpt(false);
     SetBlockOpt(false);
@@ -247,7 +249,7 @@ int CSslDgram::finish_handshake() {
 void CSslDgram::log_state() {
     RAVELO_LOG_THIS(Plinth::LOG_LEVEL_WARNING, "%s\n", SSL_state_string_long(m_internal->m_ssl.get()));
     char text[256];
-    ERR_error_string_n(ERR_get_error(), text, sizeof(text));
+    SslContext::takeError(text);
     RAVELO_LOG_THIS(Plinth::LOG_LEVEL_WARNING, "%s\n", text);
     ERR_clear_error();
 }

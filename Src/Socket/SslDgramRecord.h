@@ -6,13 +6,12 @@
 #include <Ravelo/SslX509.h>
 
 #include <array>
+#include <cstdint>
 #include <memory>
 
 #include "Socket/OpenSslTypes.h"
 
 namespace Veltro::Ravelo {
-
-using TDtlsConnection = std::unique_ptr<SSL, SFreeBy<SSL_free>>;
 
 /// Null in an object for which there was no memory: it can do nothing.
 struct SSslDgramRecord {
@@ -20,7 +19,7 @@ struct SSslDgramRecord {
     std::unique_ptr<CSockDgram> m_dgram;  ///< carries the traffic
     std::unique_ptr<CSslX509> m_x509;
     TSslContext m_ctx;
-    TDtlsConnection m_ssl;
+    TSslConnection m_ssl;
 
     bool m_session_reused = false;  ///< the handshake resumed a session
     int m_session_type = 0;
@@ -39,9 +38,12 @@ struct SSslDgramRecord {
 /// The sessions of all DTLS servers of the process, by session id.
 extern CSessionCache s_srv_sess_cache;
 
+/// The longest wait for a silent peer, which OpenSSL has, too.
+constexpr std::int64_t DTLS_SILENCE_US = 60'000'000;
+
 /// How long DTLS handshakes wait before they repeat what they have sent: the first time for timer(0), then
 /// for timer(the last time), in microseconds. Null, as at the start, leaves it to OpenSSL. Any thread; counts
 /// for the handshakes that begin later.
-void setDtlsTimer(unsigned (*timer)(unsigned last_us));
+void setDtlsTimer(unsigned (*timer)(unsigned last_us), std::int64_t silence_us = DTLS_SILENCE_US);
 
 }  // namespace Veltro::Ravelo

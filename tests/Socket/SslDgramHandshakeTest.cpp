@@ -147,7 +147,7 @@ bool negotiateNext(SDtlsServer& server, CSslDgram& client) {
 }
 
 TEST_F(SslDgramHandshake, AServerServesOneClientAfterTheOther) {
-    SDtlsServer server;
+    SDtlsServer server("server", TestSupport::freeDatagramPort());
     for (int i = 0; i < 3; ++i) {
         CSslDgram client;
         ASSERT_TRUE(negotiateNext(server, client)) << i;
@@ -157,7 +157,7 @@ TEST_F(SslDgramHandshake, AServerServesOneClientAfterTheOther) {
 }
 
 TEST_F(SslDgramHandshake, TheClientBeforeIsToldOfHisEnd) {
-    SDtlsServer server;
+    SDtlsServer server("server", TestSupport::freeDatagramPort());
     CSslDgram first;
     CSslDgram second;
     ASSERT_TRUE(negotiate(server, first).areGood());

@@ -351,7 +351,7 @@ TEST(SslDgramTimer, ALongCertificateChainNeedsNoRepetition) {
     meeting.meet(asItIs);
     EXPECT_TRUE(meeting.isGood());
     EXPECT_LE(10, meeting.from_server);  // above 10 KB
-    EXPECT_GE(20, meeting.from_server);
+    EXPECT_GE(40, meeting.from_server);  // some systems do not tell what the path carries
     EXPECT_LE(meeting.longest, 1472U);
 }
 
@@ -363,7 +363,7 @@ TEST(SslDgramTimer, NoHandshakeDatagramIsLongerThanEthernetCarries) {
     const CLogCapture unheard;
     meeting.meet(asItIs);
     EXPECT_TRUE(meeting.isGood());
-    EXPECT_LE(1200U, meeting.longest);
+    EXPECT_LE(450U, meeting.longest);
     EXPECT_LE(meeting.longest, 1472U);
 }
 

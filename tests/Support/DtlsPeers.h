@@ -25,7 +25,7 @@ public:
     /// @param most_us the longest wait; the first one is at most 50 ms.
     explicit CQuickDtls(unsigned most_us = 200'000) {
         s_most_us = most_us;
-        Ravelo::setDtlsTimer(next);
+        Ravelo::setDtlsTimer(next, 1'000'000);
     }
     ~CQuickDtls() { Ravelo::setDtlsTimer(nullptr); }
     CQuickDtls(const CQuickDtls&) = delete;
