@@ -1,6 +1,7 @@
 #include "Core/NetThreadState.h"
 
 #include "Core/PoolTable.h"
+#include "Tool/FileThreads.h"
 
 namespace Veltro::Ravelo {
 
@@ -13,12 +14,12 @@ SNetThreadState& SNetThreadState::get() {
 CCreationGuard::CCreationGuard(SNetThreadState& state) PLINTH_NO_THREAD_SAFETY_ANALYSIS : m_state(state),
                                                                                           m_held(true) {
     const CThreadPool* own = CPoolTable::current();
-    if (own == nullptr) {
+    if (own == nullptr && !FileThreads::isOwnThread()) {
         m_state.mutex.lock();
         return;
     }
     while (!m_state.mutex.tryLock()) {
-        if (own->isStopping()) {
+        if (own != nullptr ? own->isStopping() : FileThreads::isOwnThreadStopping()) {
             m_held = false;
             return;
         }

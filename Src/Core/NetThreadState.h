@@ -21,8 +21,8 @@ struct SNetThreadState {
     static SNetThreadState& get();
 };
 
-/// Holds the creation mutex. A worker whose pool is being destroyed does not get it: its destroyer holds the
-/// mutex and waits for the worker.
+/// Holds the creation mutex. A worker whose pool is being destroyed does not get it, nor does a file thread
+/// when those are stopped: the destroyer holds the mutex and waits for the thread.
 class PLINTH_SCOPED_CAPABILITY CCreationGuard {
 public:
     explicit CCreationGuard(SNetThreadState& state) PLINTH_ACQUIRE(state.mutex);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Ravelo/Defs.h>
+#include <Ravelo/NFile.h>
 #include <Ravelo/NTimer.h>
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/NetThread.h>
