@@ -129,6 +129,7 @@ protected:
 
 private:
     friend struct SNetHandlerRecord;
+    friend class CStreamSender;  // registers its socket under its owner
     SNetHandlerRecord* m_internal;
 };
 

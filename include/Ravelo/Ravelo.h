@@ -18,4 +18,5 @@
 #include <Ravelo/SockStream.h>
 #include <Ravelo/SslX509.h>
 #include <Ravelo/StrParser.h>
+#include <Ravelo/StreamSender.h>
 #include <Ravelo/TsMemory.h>

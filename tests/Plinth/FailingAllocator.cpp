@@ -3,16 +3,27 @@
 #include <Plinth/Thread.h>
 
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 namespace {
-thread_local bool t_failing = false;
+
+constexpr int PLENTY = std::numeric_limits<int>::max();
+
+thread_local int t_left = PLENTY;
 thread_local unsigned long t_count = 0;
+
+void* allocate(std::size_t size) {
+    ++t_count;
+    if (t_left == 0) return nullptr;
+    if (t_left != PLENTY) --t_left;
+    return std::malloc(size > 0 ? size : 1);
+}
+
 }  // namespace
 
 void* operator new(std::size_t size) {
-    ++t_count;
-    void* memory = t_failing ? nullptr : std::malloc(size > 0 ? size : 1);
+    void* memory = allocate(size);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
@@ -31,9 +42,11 @@ void operator delete(void* memory, std::size_t) noexcept {
 void operator delete[](void* memory, std::size_t) noexcept {
     std::free(memory);
 }
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    ++t_count;
-    return t_failing ? nullptr : std::malloc(size > 0 ? size : 1);
+    return allocate(size);
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
     return ::operator new(size, std::nothrow);
@@ -41,11 +54,11 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
 
 namespace Veltro::TestSupport {
 
-CFailingAllocator::CFailingAllocator() {
-    t_failing = true;
+CFailingAllocator::CFailingAllocator(int allocations_left) {
+    t_left = allocations_left;
 }
 CFailingAllocator::~CFailingAllocator() {
-    t_failing = false;
+    t_left = PLENTY;
 }
 
 unsigned long allocationCount() {

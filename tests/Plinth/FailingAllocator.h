@@ -4,10 +4,11 @@
 
 namespace Veltro::TestSupport {
 
-/// While it lives, every `new` of the calling thread in this program throws std::bad_alloc.
+/// While it lives, every `new` of the calling thread in this program fails, once a number of them has
+/// succeeded.
 class CFailingAllocator {
 public:
-    CFailingAllocator();
+    explicit CFailingAllocator(int allocations_left = 0);
     ~CFailingAllocator();
     CFailingAllocator(const CFailingAllocator&) = delete;
     CFailingAllocator& operator=(const CFailingAllocator&) = delete;
