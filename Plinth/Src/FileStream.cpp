@@ -1,6 +1,7 @@
 #include <Plinth/File.h>
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <new>
 
@@ -13,6 +14,12 @@ namespace {
 /// What one call moves at most: results are ints.
 std::size_t withinInt(unsigned length) {
     return std::min(length, static_cast<unsigned>(std::numeric_limits<int>::max()));
+}
+
+/// Not every C library says so itself.
+bool mayBeUsed(bool opened_for_it) {
+    if (!opened_for_it) setWrongUse();
+    return opened_for_it;
 }
 
 }  // namespace
@@ -32,12 +39,17 @@ int CFileStream::open(const char* path, const char* mode) {
     // A stream's own buffer would hide a full disk until the file is closed, where nobody is told any more.
     std::setvbuf(m_stream, nullptr, _IONBF, 0);
     m_last_use = EUse::None;
+    const bool both = std::strchr(mode, '+') != nullptr;
+    m_readable = both || mode[0] == 'r';
+    m_writable = both || mode[0] != 'r';
     return 0;
 }
 
 void CFileStream::close() {
     if (m_stream != nullptr) std::fclose(m_stream);
     m_stream = nullptr;
+    m_readable = false;
+    m_writable = false;
 }
 
 /// Between reading and writing a stream wants to be positioned.
@@ -49,14 +61,14 @@ void CFileStream::turn_to(EUse use) {
 }
 
 int CFileStream::write(const char* bytes, unsigned length) {
-    if (m_stream == nullptr) return -1;
+    if (!mayBeUsed(m_writable)) return -1;
     turn_to(EUse::Write);
     const std::size_t written = std::fwrite(bytes, 1, withinInt(length), m_stream);
     return written == 0 && length > 0 ? -1 : static_cast<int>(written);
 }
 
 int CFileStream::read(char* buffer, unsigned length) {
-    if (m_stream == nullptr) return -1;
+    if (!mayBeUsed(m_readable)) return -1;
     turn_to(EUse::Read);
     const std::size_t got = std::fread(buffer, 1, withinInt(length), m_stream);
     return got == 0 && std::ferror(m_stream) != 0 ? -1 : static_cast<int>(got);

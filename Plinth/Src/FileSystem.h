@@ -11,4 +11,7 @@ std::FILE* openFile(const char* path, const char* mode);
 /// fseek with 64 bits.
 int seekFile(std::FILE* stream, std::int64_t offset, int whence);
 
+/// Sets the last error of an operation that the file was not opened for.
+void setWrongUse();
+
 }  // namespace Veltro::Plinth

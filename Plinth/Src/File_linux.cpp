@@ -58,4 +58,8 @@ int seekFile(std::FILE* stream, std::int64_t offset, int whence) {
     return ::fseeko(stream, offset, whence);
 }
 
+void setWrongUse() {
+    errno = EBADF;
+}
+
 }  // namespace Veltro::Plinth

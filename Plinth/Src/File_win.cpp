@@ -61,4 +61,8 @@ int seekFile(std::FILE* stream, std::int64_t offset, int whence) {
     return _fseeki64(stream, offset, whence);
 }
 
+void setWrongUse() {
+    SetLastError(ERROR_ACCESS_DENIED);
+}
+
 }  // namespace Veltro::Plinth

@@ -55,16 +55,21 @@ int CNFile::SetBufferSize(unsigned int size, unsigned int count) {
 }
 
 int SNFileRecord::resize(std::size_t count) {
-    if (m_device == nullptr) return -1;
+    if (m_device == nullptr || count > MAX_COUNT) return -1;
     if (!FileThreads::areRunning() || !m_device->NeedAIO()) count = 0;
     if (m_buffers.size() == count) return 0;
     std::vector<std::unique_ptr<CNFileBuf>> buffers;
     std::vector<CNFileBuf*> nodes;
     try {
         nodes.reserve(count);
-        while (buffers.size() < count) buffers.push_back(std::make_unique<CNFileBuf>());
+        buffers.reserve(count);
     } catch (...) {
         return -1;  // memory is short
+    }
+    while (buffers.size() < count) {
+        auto* buffer = new (std::nothrow) CNFileBuf;
+        if (buffer == nullptr) return -1;
+        buffers.emplace_back(buffer);
     }
     if (!settle(true)) return -1;
     if (count == 0 && m_device->Seek(offset(), 0) < 0) return -1;

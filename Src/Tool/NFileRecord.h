@@ -31,6 +31,7 @@ namespace Veltro::Ravelo {
 /// made under m_job_mutex, never under another; operations of the buffered mode take m_io_mutex alone.
 struct SNFileRecord final : CFileJobs {
     static constexpr unsigned DEFAULT_COUNT = 4;
+    static constexpr unsigned MAX_COUNT = 65'536;
 
     CNFile* m_file = nullptr;
     CNStorDev_IF* m_device PLINTH_GUARDED_BY(m_job_mutex);  // null once closed

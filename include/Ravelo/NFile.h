@@ -79,9 +79,9 @@ public:
     /// 128 KiB while it is used. With bytes in them that are not written yet it writes those first, and
     /// blocks meanwhile.
     /// @param size only whether it is 0 matters: a buffer always has 131072 bytes.
-    /// @param count number of buffers; 4 if it, or the size, is 0.
-    /// @return 0; -1, with nothing changed, when memory is short, after Close(), or when the device failed
-    /// (message 8).
+    /// @param count number of buffers, at most 65536; 4 if it, or the size, is 0.
+    /// @return 0; -1, with nothing changed, for a higher number, when memory is short, after Close(), or when
+    /// the device failed (message 8).
     int SetBufferSize(unsigned int size, unsigned int count);
 
     /// Writes at the position, which moves on. Never blocks, but in the direct mode.

@@ -171,6 +171,31 @@ TEST(FileStream, RefusesFoldersAndWhatIsNoPath) {
     EXPECT_FALSE(stream.isOpen());
 }
 
+TEST(FileStream, DoesOnlyWhatItWasOpenedFor) {
+    const CTemporaryFile file("stream.bin");
+    const std::string path = utf8(file.path());
+    char byte = 'x';
+    for (const char* mode : {"w", "a", "wb"}) {
+        CFileStream stream;
+        EXPECT_EQ(stream.open(path.c_str(), mode), 0);
+        EXPECT_EQ(stream.read(&byte, 1), -1) << mode;
+        EXPECT_NE(getLastError(), 0);
+        EXPECT_EQ(stream.write(&byte, 1), 1) << mode;
+    }
+    CFileStream reader;
+    EXPECT_EQ(reader.open(path.c_str(), "rb"), 0);
+    EXPECT_EQ(reader.write(&byte, 1), -1);
+    EXPECT_NE(getLastError(), 0);
+    EXPECT_EQ(reader.read(&byte, 1), 1);
+    for (const char* mode : {"r+", "rb+", "w+", "a+b"}) {
+        CFileStream both;
+        EXPECT_EQ(both.open(path.c_str(), mode), 0);
+        EXPECT_EQ(both.write(&byte, 1), 1) << mode;
+        EXPECT_EQ(both.seek(0, SEEK_SET), 0);
+        EXPECT_EQ(both.read(&byte, 1), 1) << mode;
+    }
+}
+
 TEST(FileStream, WithoutAFileEveryOperationFails) {
     CFileStream stream;
     char byte = 0;

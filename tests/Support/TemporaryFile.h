@@ -40,6 +40,7 @@ public:
         file << bytes;
         EXPECT_TRUE(file.good()) << m_path;
     }
+    const std::filesystem::path& place() const { return m_path; }
     /// In UTF-8, as the library takes paths.
     std::string path() const {
         const std::u8string text = m_path.u8string();

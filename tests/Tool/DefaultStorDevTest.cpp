@@ -160,7 +160,7 @@ TEST(DefaultStorDev, AFileThatGrowsIsReadOnFromItsFormerEnd) {
     char text[10] = {};
     EXPECT_EQ(3, device->Read(text, 10));
     EXPECT_EQ(0, device->Read(text, 10));
-    std::ofstream(fs::path(std::u8string(place.path().begin(), place.path().end())), std::ios::app) << "de";
+    std::ofstream(place.place(), std::ios::app) << "de";
     EXPECT_EQ(2, device->Read(text, 10));
 }
 
@@ -329,7 +329,7 @@ TEST(NFileOnDisk, AFileTruncatedWhileItIsReadEnds) {
     ASSERT_TRUE(file);
     EXPECT_EQ(pattern(10 * BUFFER).substr(0, BUFFER), file.readAll(BUFFER));
     std::error_code error;
-    fs::resize_file(fs::path(std::u8string(place.path().begin(), place.path().end())), BUFFER + 7, error);
+    fs::resize_file(place.place(), BUFFER + 7, error);
     if (error) GTEST_SKIP() << "the system does not cut a file that is open: " << error.message();
     const std::string rest = file.readAll(10 * BUFFER);
     EXPECT_EQ(pattern(10 * BUFFER).substr(BUFFER, rest.size()), rest);

@@ -1,6 +1,7 @@
 // Opening, describing, sizing and closing an asynchronous file.
 #include <Ravelo/NFile.h>
 
+#include "Core/NetHandlerRecord.h"
 #include "Support/LogCapture.h"
 #include "Support/ScarceMemory.h"
 #include "Tool/Files.h"
@@ -154,6 +155,7 @@ TEST(NFile, ClosingInsideEachMessageIsAllowed) {
         std::atomic<long> closed_id{0};
         CFileOwner owner;
         CGate ready;
+        disk.on_write = [&] { ready.pass(); };  // so that a long write does not fit
         owner.on_message = [&](long, unsigned type) {
             if (type != wanted || !ready.pass() || closed_id.load() != 0) return;
             closed_id.store(file->GetID());
@@ -193,15 +195,18 @@ TEST(NFile, DestroyingThePoolRightAfterCloseLosesNothing) {
     for (int turn = 0; turn < 20; ++turn) {
         SDisk disk;
         const std::string text = pattern(4 * BUFFER, static_cast<unsigned>(turn));
+        CNFile* file = nullptr;
         {
             const CFilePool pool;
             CFileOwner owner;
-            // A reference of our own, since the pool may not come to end the file any more.
             CDiskFile holder(owner, disk);
-            CNFile* file = holder.release();
+            file = holder.release();
+            file->AddRef();
             EXPECT_EQ(static_cast<int>(4 * BUFFER), file->Write(text.data(), 4 * BUFFER));
             file->Close();
         }
+        // The pool may not have come to let the object go.
+        for (auto left = SNetHandlerRecord::of(*file).references.count(); left > 0; --left) file->DecRef();
         EXPECT_EQ(text, disk.content());
         EXPECT_EQ(1, disk.closes.load());
     }
@@ -290,13 +295,26 @@ TEST(NFile, SetBufferSizeOverAFailingDeviceKeepsTheBuffers) {
     EXPECT_EQ("text", disk.content());
 }
 
+TEST(NFile, SetBufferSizeTakesNoAbsurdNumber) {
+    const CFilePool pool;
+    CFileOwner owner;
+    SDisk disk;
+    CDiskFile file(owner, disk);
+    EXPECT_EQ(-1, file->SetBufferSize(BUFFER, 65'537));
+    EXPECT_EQ(-1, file->SetBufferSize(BUFFER, 0xFFFFFFFF));
+    EXPECT_TRUE(file.writeAll("text"));
+}
+
 TEST(NFile, SetBufferSizeWithoutMemoryKeepsTheBuffers) {
     const CFilePool pool;
     CFileOwner owner;
     SDisk disk;
     CDiskFile file(owner, disk);
-    EXPECT_EQ(-1, file->SetBufferSize(BUFFER, 0xFFFFFFFF));
     EXPECT_TRUE(file.writeAll("text"));
+    {
+        const CScarceMemory scarce(3);
+        EXPECT_EQ(-1, file->SetBufferSize(BUFFER, 8));
+    }
     file.close();
     EXPECT_EQ("text", disk.content());
 }

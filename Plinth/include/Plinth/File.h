@@ -74,6 +74,8 @@ private:
 
     std::FILE* m_stream = nullptr;
     EUse m_last_use = EUse::None;
+    bool m_readable = false;
+    bool m_writable = false;
 };
 
 }  // namespace Veltro::Plinth
