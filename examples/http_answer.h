@@ -28,6 +28,14 @@ public:
         refresh();
         output += make(status, keep_alive, m_date, head_only);
     }
+    /// Adds the head of an answer whose bytes come from elsewhere. @param fields more of it, lines with their
+    /// ends.
+    void AppendHead(std::string& output, int status, std::uint64_t length, const std::string& fields,
+                    bool keep_alive) {
+        Veltro::Plinth::CLockGuard guard(m_mutex);
+        refresh();
+        output += head(status, keep_alive, m_date, "application/octet-stream", length, fields);
+    }
 
 private:
     using Seconds = std::chrono::sys_seconds;
@@ -38,10 +46,14 @@ private:
         switch (status) {
             case 200:
                 return "OK";
+            case 206:
+                return "Partial Content";
             case 404:
                 return "Not Found";
             case 413:
                 return "Content Too Large";
+            case 416:
+                return "Range Not Satisfiable";
             case 431:
                 return "Request Header Fields Too Large";
             case 501:
@@ -55,10 +67,14 @@ private:
     static std::string make(int status, bool keep_alive, const std::string& date, bool head_only) {
         const std::string line = std::to_string(status) + " " + reason(status);
         const std::string page = status == 200 ? std::string(PAGE) : line + "\n";
-        return "HTTP/1.1 " + line + "\r\nServer: ravelo\r\nDate: " + date +
-               "\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(page.size()) +
-               "\r\nConnection: " + (keep_alive ? "keep-alive" : "close") + "\r\n\r\n" +
-               (head_only ? "" : page);
+        return head(status, keep_alive, date, "text/plain", page.size(), "") + (head_only ? "" : page);
+    }
+    static std::string head(int status, bool keep_alive, const std::string& date, const char* type,
+                            std::uint64_t length, const std::string& fields) {
+        return "HTTP/1.1 " + std::to_string(status) + " " + reason(status) +
+               "\r\nServer: ravelo\r\nDate: " + date + "\r\nContent-Type: " + type +
+               "\r\nContent-Length: " + std::to_string(length) + "\r\n" + fields +
+               "Connection: " + (keep_alive ? "keep-alive" : "close") + "\r\n\r\n";
     }
     static std::string print(Seconds now) {
         using namespace std::chrono;

@@ -32,10 +32,15 @@ public:
     static constexpr std::uint64_t BODY_LIMIT_BYTES = 1024 * 1024;
 
     bool m_head = false;
+    bool m_get = false;
     bool m_keep_alive = true;
     bool m_expects_continue = false;
     bool m_found = true;  ///< whether the target is the page
     std::uint64_t m_body_bytes = 0;
+    // Pieces of the text, for as long as it stays attached; empty without such a field.
+    std::string_view m_target;
+    std::string_view m_range;
+    std::string_view m_if_range;
 
     /// Reads a head at the cursor and moves behind it.
     /// @return OK, the status of a refusal, or INCOMPLETE: call again from the same place with more.
@@ -62,7 +67,8 @@ private:
         if (text.ConsumeWord(method.data(), method.size()) < 1 || text.Expect(' ') < 0) return refuse(text);
         const int target = text.GetCurOffset();
         text.ConsumeWord(nullptr, 0);
-        m_found = piece(text, target) == "/";
+        m_target = piece(text, target);
+        m_found = m_target == "/";
         if (text.Expect(' ') < 0 || text.Compare("HTTP/") != 0) return refuse(text);
         text.ConsumeLength(5, nullptr, 0);
         const int version = text.GetCurOffset();
@@ -72,8 +78,9 @@ private:
         m_keep_alive = m_needs_host = number == "1.1";
         const std::string_view name(method.data());
         m_head = name == "HEAD";
+        m_get = name == "GET";
         if (!m_needs_host && number != "1.0") return 505;
-        return m_head || name == "GET" || name == "POST" ? OK : 501;
+        return m_head || m_get || name == "POST" ? OK : 501;
     }
 
     int parse_field(Veltro::Ravelo::CStrParser& text) {
@@ -97,6 +104,11 @@ private:
         if (is("Expect")) m_expects_continue = m_needs_host;
         if (is("Content-Length")) status = take_length(text, value, value_end);
         if (is("Connection")) take_connection(text, value);
+        const auto whole = [&text, value, value_end] {
+            return std::string_view(text.GetString() + value, static_cast<std::size_t>(value_end - value));
+        };
+        if (is("Range")) m_range = whole();
+        if (is("If-Range")) m_if_range = whole();
         text.LocateOffset(start);
         text.ConsumeLength(static_cast<unsigned>(next - start), nullptr, 0);
         return status;

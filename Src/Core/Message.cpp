@@ -38,6 +38,19 @@ bool isClose(const SEvent& record) {
     return record.type == MESSAGE_TYPE_CLOSE && record.sender == record.receiver;
 }
 
+void callBack(CCurrentObject& current, CNetHandler& handler, const SEvent& record) {
+    current.set(handler, record.receiver);
+    handler.handle_message(static_cast<long>(record.sender), record.type, static_cast<long>(record.info));
+    current.clear();
+}
+
+/// Gives back the reference of the delivery, and the record.
+void finish(CNetHandler& handler, SEvent* record) {
+    R3Trace::messageEnd(handler, record->type, record->info);
+    handler.DecRef();
+    CEventPool::put(record);
+}
+
 }  // namespace
 
 void CMessage::Notify(std::int64_t sender, long receiver, std::uint32_t type, long info, bool is_io) {
@@ -99,19 +112,35 @@ void CMessage::dispatch(CThreadPool& pool, CCurrentObject& current, SEvent* reco
     if (isClose(*record)) {
         pool.unbind(record->receiver);
     } else {
-        current.set(*handler, record->receiver);
-        handler->handle_message(static_cast<long>(record->sender), record->type,
-                                static_cast<long>(record->info));
-        current.clear();
+        callBack(current, *handler, *record);
     }
-    R3Trace::messageEnd(*handler, record->type, record->info);
-    handler->DecRef();
-    CEventPool::put(record);
+    finish(*handler, record);
+}
+
+void CMessage::dispatchIo(CCurrentObject& current) {
+    auto* record = static_cast<SEvent*>(s_io_queue.popNoWait());
+    if (record == nullptr) return;
+    CPoolPin pool(poolOfId(record->receiver));
+    CNetHandler* handler = pool ? pool->findHandler(record->receiver) : nullptr;
+    if (handler == nullptr) {
+        CEventPool::put(record);
+        return;
+    }
+    R3Trace::messageBegin(*handler, record->type, record->info);
+    if (isClose(*record)) {
+        pool->unbind(record->receiver);
+    } else {
+        pool.release();  // the callback may take long; the reference keeps the handler
+        callBack(current, *handler, *record);
+    }
+    pool.release();
+    finish(*handler, record);
 }
 
 void CMessage::dropIo(int pool_number) {
     SQueueRecord* kept = nullptr;
     SQueueRecord** tail = &kept;
+    unsigned kept_count = 0;
     while (SQueueRecord* record = s_io_queue.popNoWait()) {
         auto* message = static_cast<SEvent*>(record);
         if (pool_number < 0 || poolOfId(message->receiver) == pool_number) {
@@ -119,9 +148,12 @@ void CMessage::dropIo(int pool_number) {
         } else {
             *tail = record;
             tail = &record->next;
+            ++kept_count;
         }
     }
     if (kept != nullptr) s_io_queue.pushWithoutSignal(kept);
+    // File threads that looked meanwhile have found nothing.
+    for (; kept_count > 0; --kept_count) FileThreads::deliverIoMessage();
 }
 
 unsigned CMessage::waitingIo() {

@@ -26,6 +26,8 @@ public:
 
     /// Delivers a message on a worker of the receiver's pool and frees its record.
     static void dispatch(CThreadPool& pool, CCurrentObject& current, SEvent* record);
+    /// Delivers the oldest message of the I/O queue on a file thread; nothing when there is none.
+    static void dispatchIo(CCurrentObject& current);
 
     /// Drops the I/O messages that wait for receivers of a pool, or of all pools when it is negative.
     static void dropIo(int pool_number);

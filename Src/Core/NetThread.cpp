@@ -127,6 +127,11 @@ bool isCurrent(int number) {
     return own != nullptr ? own->number() == number : number == 0 && RecvThreads::isCurrent();
 }
 
+/// Whether the calling thread ends with the last use of the library, and so can't be the one to end it.
+bool endsWithLastUse() {
+    return isCurrent(0) || FileThreads::isOwnThread();
+}
+
 /// Whether the library goes down with the public pool: nobody uses it and no private pool is left.
 bool isLastUse(int pool_count, int references) {
     return pool_count == 1 && references <= 1;
@@ -178,7 +183,7 @@ int check_on_init(SNetThreadState& state, unsigned thread_num, bool start_file_t
 int destroyPublic(SNetThreadState& state) PLINTH_REQUIRES(state.mutex) {
     if (state.pool_count == -1) return refuseMissing(0);
     const int left = state.sm_pub_pool_ref - 1;
-    if (isLastUse(state.pool_count, left) && isCurrent(0)) return refuseSelf(0);
+    if (isLastUse(state.pool_count, left) && endsWithLastUse()) return refuseSelf(0);
     state.sm_pub_pool_ref = left > 0 ? left : 0;
     if (isLastUse(state.pool_count, left)) shutDown(state);
     return 0;
@@ -188,7 +193,7 @@ int destroyPrivate(SNetThreadState& state, int number) PLINTH_REQUIRES(state.mut
     if (CPoolTable::peek(number) == nullptr) return refuseMissing(number);
     const bool last = isLastUse(state.pool_count - 1, state.sm_pub_pool_ref);
     if (isCurrent(number)) return refuseSelf(number);
-    if (last && isCurrent(0)) return refuseSelf(0);
+    if (last && endsWithLastUse()) return refuseSelf(0);
     --state.pool_count;
     destroyPool(number);
     if (last) shutDown(state);

@@ -1,6 +1,7 @@
 #include "Core/NetThreadState.h"
 
 #include "Core/PoolTable.h"
+#include "Tool/FileThreads.h"
 #include "Tool/RecvThreads.h"
 
 namespace Veltro::Ravelo {
@@ -14,12 +15,13 @@ SNetThreadState& SNetThreadState::get() {
 CCreationGuard::CCreationGuard(SNetThreadState& state) PLINTH_NO_THREAD_SAFETY_ANALYSIS : m_state(state),
                                                                                           m_held(true) {
     const CThreadPool* own = CPoolTable::current();
-    if (own == nullptr && !RecvThreads::isCurrent()) {
+    if (own == nullptr && !RecvThreads::isCurrent() && !FileThreads::isOwnThread()) {
         m_state.mutex.lock();
         return;
     }
     while (!m_state.mutex.tryLock()) {
-        if (m_state.ending.load() || (own != nullptr && own->isStopping())) {
+        if (m_state.ending.load() || (own != nullptr && own->isStopping()) ||
+            FileThreads::isOwnThreadStopping()) {
             m_held = false;
             return;
         }

@@ -25,8 +25,8 @@ struct SNetThreadState {
     static SNetThreadState& get();
 };
 
-/// Holds the creation mutex. A worker whose pool is being destroyed does not get it, nor does a pacing thread
-/// at the library's end: the destroyer holds the mutex and waits for the thread.
+/// Holds the creation mutex. A worker whose pool is being destroyed does not get it, nor does a pacing or a
+/// file thread at the library's end: the destroyer holds the mutex and waits for the thread.
 class PLINTH_SCOPED_CAPABILITY CCreationGuard {
 public:
     explicit CCreationGuard(SNetThreadState& state) PLINTH_ACQUIRE(state.mutex);

@@ -1,4 +1,7 @@
-"""Benchmarks that need no load generator: fan-out, messages, timers, texts and senders."""
+"""Benchmarks that need no load generator: fan-out, messages, timers, files, texts and senders."""
+
+import subprocess
+import tempfile
 
 from . import machine, table
 from .process import run_json
@@ -23,6 +26,8 @@ PACE_SYSTEMS = ["nanosleep", "ravelo", "libevent"]
 PACE_BASE = "nanosleep"
 PACE_PERIOD_US = 20_000
 PACE_RECEIVERS = [1, 100, 1000]
+FILE_SYSTEMS = ["plain", "ravelo", "libuv", "iouring"]
+FILE_BASE = "plain"
 PARSER_BASE = "memchr"
 PARSERS = {"http": ["memchr", "ravelo", "httpparser"], "sdp": ["memchr", "ravelo"]}
 SENDERS = ["raw", "ravelo", "evbuffer", "bufferevent"]
@@ -141,6 +146,33 @@ def run_pace(programs, options):
                     "median (min .. max)", "p99", "greatest"],
                    [[name, *(table.spread(_values(runs, name, key)) for key in ("median_us", "p99_us", "max_us"))]
                     for name in systems])
+
+
+def _works(program, folder):
+    """Whether a system is there; its program prints why not."""
+    trial = subprocess.run([program, "read", "1", "1", folder], capture_output=True, text=True, timeout=60, check=False)
+    if trial.returncode != 0:
+        print(f"! {program.name} is left out: {trial.stderr.strip()}\n")
+    return trial.returncode == 0
+
+
+def run_files(programs, options):
+    print("== file: ratios are MB/s to those of plain fwrite and fread; "
+          "held: the longest callback, on the clock and of the processor\n")
+    with tempfile.TemporaryDirectory(prefix="ravelo_bench_", dir=options.folder) as folder:
+        systems = [name for name in _built(programs, "file", FILE_SYSTEMS, FILE_BASE)
+                   if _works(programs / f"file_{name}", folder)]
+        for way in ("write", "read") if systems else ():
+            for files in (1, 8):
+                command = [way, files, options.file_mib, folder]
+                runs = _rounds(systems, options.rounds,
+                               lambda name: run_json([programs / f"file_{name}", *command], BOTH, 300))
+                lines = [[name, *(table.spread(_values(runs, name, key))
+                                  for key in ("mb_per_second", "hold_us", "hold_cpu_us")),
+                          table.ratio(_values(runs, name, "mb_per_second"),
+                                      _values(runs, FILE_BASE, "mb_per_second"))] for name in systems]
+                table.show([f"{way} {options.file_mib} MiB in {files} file(s)", "MB/s (min .. max)",
+                            "held us (min .. max)", "held CPU us", "ratio"], lines)
 
 
 def run_parsers(programs, options):

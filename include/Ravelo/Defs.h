@@ -73,8 +73,8 @@ enum : unsigned {
     NOTIFY_RECEIVER_CLOSED = 5,   ///< the receiver has been closed
     NOTIFY_FILE_WRITABLE = 6,     ///< a write that took less than it was given may be tried again
     NOTIFY_FILE_READABLE = 7,     ///< a read that gave less than was asked for may be tried again
-    NOTIFY_FILE_ERROR = 8,        ///< a file's device has failed, or a call had bad arguments
-    NOTIFY_SEND_FINISH = 9        ///< a sender has nothing queued any more
+    NOTIFY_FILE_ERROR = 8,  ///< a file's device failed, or a call had bad arguments; ends both its waits
+    NOTIFY_SEND_FINISH = 9  ///< a sender has nothing queued any more
 };
 
 }  // namespace Veltro::Ravelo

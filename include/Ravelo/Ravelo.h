@@ -5,6 +5,7 @@
 #include <Ravelo/MediaBuffer.h>
 #include <Ravelo/MediaStreamReceiver.h>
 #include <Ravelo/MediaStreamSender.h>
+#include <Ravelo/NFile.h>
 #include <Ravelo/NTimer.h>
 #include <Ravelo/NetHandler.h>
 #include <Ravelo/NetThread.h>

@@ -103,5 +103,106 @@ TEST(File, APathThatIsNotUtf8IsNotThere) {
     EXPECT_NE(getLastError(), 0);
 }
 
+TEST(File, StatusTellsSizeKindAndTimes) {
+    const CTemporaryFile file("plain.txt");
+    SFileStatus status;
+    EXPECT_EQ(CFile::status(utf8(file.path()).c_str(), &status), 0);
+    EXPECT_EQ(status.size, 7U);
+    EXPECT_FALSE(status.is_folder);
+    EXPECT_GT(status.modify_time, 1'600'000'000U);
+    EXPECT_GT(status.access_time, 1'600'000'000U);
+    EXPECT_GT(status.change_time, 1'600'000'000U);
+    EXPECT_EQ(CFile::status(utf8(file.folder()).c_str(), &status), 0);
+    EXPECT_TRUE(status.is_folder);
+}
+
+TEST(File, StatusOfWhatIsNotThereGivesMinusOneAndTheReason) {
+    const CTemporaryFile file("plain.txt");
+    SFileStatus status;
+    status.size = 5;
+    EXPECT_EQ(CFile::status(utf8(file.folder() / "missing.txt").c_str(), &status), -1);
+    EXPECT_EQ(getLastError(), 2);
+    EXPECT_EQ(CFile::status(nullptr, &status), -1);
+    EXPECT_EQ(CFile::status(utf8(file.path()).c_str(), nullptr), -1);
+    EXPECT_EQ(status.size, 5U);
+}
+
+TEST(FileStream, MovesBytesAtAPosition) {
+    const CTemporaryFile file("stream.bin");
+    CFileStream stream;
+    EXPECT_FALSE(stream.isOpen());
+    EXPECT_EQ(stream.open(utf8(file.path()).c_str(), "r+"), 0);
+    EXPECT_TRUE(stream.isOpen());
+    char text[20] = {};
+    EXPECT_EQ(stream.read(text, 3), 3);
+    EXPECT_STREQ(text, "con");
+    EXPECT_EQ(stream.write("TE", 2), 2);
+    EXPECT_EQ(stream.read(text, 20), 2);
+    EXPECT_EQ(stream.read(text, 20), 0);
+    EXPECT_EQ(stream.seek(0, SEEK_SET), 0);
+    EXPECT_EQ(stream.read(text, 20), 7);
+    EXPECT_STREQ(text, "conTEnt");
+    EXPECT_EQ(stream.seek(-1, SEEK_SET), -1);
+}
+
+TEST(FileStream, OpensAnotherFileInPlaceOfTheFirst) {
+    const CTemporaryFile file("stream.bin");
+    CFileStream stream;
+    EXPECT_EQ(stream.open(utf8(file.path()).c_str(), "r"), 0);
+    EXPECT_EQ(stream.open(utf8(file.folder() / "missing").c_str(), "r"), -1);
+    EXPECT_FALSE(stream.isOpen());
+    EXPECT_EQ(stream.open(utf8(file.folder() / "new").c_str(), "wb"), 0);
+    EXPECT_EQ(stream.write("x", 1), 1);
+    stream.close();
+    stream.close();
+    EXPECT_FALSE(stream.isOpen());
+}
+
+TEST(FileStream, RefusesFoldersAndWhatIsNoPath) {
+    const CTemporaryFile file("stream.bin");
+    CFileStream stream;
+    EXPECT_EQ(stream.open(utf8(file.folder()).c_str(), "r"), -1);
+    EXPECT_NE(getLastError(), 0);
+    EXPECT_EQ(stream.open(nullptr, "r"), -1);
+    EXPECT_NE(getLastError(), 0);
+    EXPECT_EQ(stream.open("", "r"), -1);
+    EXPECT_EQ(stream.open(utf8(file.path()).c_str(), nullptr), -1);
+    EXPECT_EQ(stream.open(utf8(file.path()).c_str(), ""), -1);
+    EXPECT_FALSE(stream.isOpen());
+}
+
+TEST(FileStream, DoesOnlyWhatItWasOpenedFor) {
+    const CTemporaryFile file("stream.bin");
+    const std::string path = utf8(file.path());
+    char byte = 'x';
+    for (const char* mode : {"w", "a", "wb"}) {
+        CFileStream stream;
+        EXPECT_EQ(stream.open(path.c_str(), mode), 0);
+        EXPECT_EQ(stream.read(&byte, 1), -1) << mode;
+        EXPECT_NE(getLastError(), 0);
+        EXPECT_EQ(stream.write(&byte, 1), 1) << mode;
+    }
+    CFileStream reader;
+    EXPECT_EQ(reader.open(path.c_str(), "rb"), 0);
+    EXPECT_EQ(reader.write(&byte, 1), -1);
+    EXPECT_NE(getLastError(), 0);
+    EXPECT_EQ(reader.read(&byte, 1), 1);
+    for (const char* mode : {"r+", "rb+", "w+", "a+b"}) {
+        CFileStream both;
+        EXPECT_EQ(both.open(path.c_str(), mode), 0);
+        EXPECT_EQ(both.write(&byte, 1), 1) << mode;
+        EXPECT_EQ(both.seek(0, SEEK_SET), 0);
+        EXPECT_EQ(both.read(&byte, 1), 1) << mode;
+    }
+}
+
+TEST(FileStream, WithoutAFileEveryOperationFails) {
+    CFileStream stream;
+    char byte = 0;
+    EXPECT_EQ(stream.read(&byte, 1), -1);
+    EXPECT_EQ(stream.write(&byte, 1), -1);
+    EXPECT_EQ(stream.seek(0, SEEK_SET), -1);
+}
+
 }  // namespace
 }  // namespace Veltro::Plinth
