@@ -1,6 +1,7 @@
 #include "Socket/SslContext.h"
 
 #include <Plinth/File.h>
+#include <Ravelo/SessionCache.h>
 #include <Ravelo/SslX509.h>
 
 #include <algorithm>
@@ -101,6 +102,22 @@ int copyPassword(char* buffer, int size, int, void* user_data) {
 void setSessionMode(SSL_CTX* ctx, long mode, bool has_tickets) {
     SSL_CTX_set_session_cache_mode(ctx, mode);
     if (!has_tickets) SSL_CTX_set_options(ctx, SSL_OP_NO_TICKET);
+}
+
+bool offerSession(SSL* ssl, CSessionCache& cache, const char* key, bool verifies) {
+    const TSession session(cache.Get(key));
+    if (session == nullptr || SSL_set_session(ssl, session.get()) != 1) return false;
+    if (!verifies || SSL_get_verify_result(ssl) == X509_V_OK) return true;
+    SSL_set_session(ssl, nullptr);
+    return false;
+}
+
+void keepSession(SSL* ssl, CSessionCache& cache, const char* key) {
+    const TSession session(SSL_get1_session(ssl));
+    if (session == nullptr || SSL_SESSION_is_resumable(session.get()) != 1) return;
+    const TSession known(cache.Get(key));
+    // A resumed session is there already, unless the server has renewed its ticket.
+    if (known != session) cache.Add(session.get(), key);
 }
 
 bool setCipherList(SSL* ssl, const char* list, const char* fallback) {

@@ -6,6 +6,7 @@
 
 namespace Veltro::Ravelo {
 
+class CSessionCache;
 class CSslX509;
 
 namespace SslContext {
@@ -48,6 +49,13 @@ int copyPassword(char* buffer, int size, int for_writing, void* user_data);
 
 /// Says who keeps sessions, as SSL_SESS_CACHE_ flags, and whether tickets are in use.
 void setSessionMode(SSL_CTX* ctx, long mode, bool has_tickets);
+
+/// Offers the session that a cache has under a key on a client's connection that is to be made.
+/// @param verifies whether the client verifies its peer: then a session that nobody has verified is not
+/// offered. @return whether one was.
+bool offerSession(SSL* ssl, CSessionCache& cache, const char* key, bool verifies);
+/// Keeps a negotiated connection's session under a key, unless it is there already.
+void keepSession(SSL* ssl, CSessionCache& cache, const char* key);
 
 /// Sets a connection's list of ciphers for TLS 1.2 and DTLS. @return false if OpenSSL rejects it: then
 /// `fallback` is in force.

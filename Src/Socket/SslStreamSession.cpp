@@ -64,15 +64,8 @@ int CSslStream::set_session(ssl_st* ssl, CSockStream* stream) {
     if (own.m_session_type == 0 || (by_number && own.m_session_number == 0)) return 0;
     char key[SSslStreamRecord::KEY_BYTES];
     if (makeKey(own, *stream, key) != 0) return -1;
-    const TSession session(own.sessionCache().Get(key));
-    if (session == nullptr) return 0;
-    SSL_set_session(ssl, session.get());
     // Who verifies the peer does not resume with one that nobody has verified.
-    if (own.verifiesPeer() && SSL_get_verify_result(ssl) != X509_V_OK) {
-        SSL_set_session(ssl, nullptr);
-        return 0;
-    }
-    own.m_session_reused = 1;
+    if (SslContext::offerSession(ssl, own.sessionCache(), key, own.verifiesPeer())) own.m_session_reused = 1;
     return 0;
 }
 
@@ -84,11 +77,7 @@ int CSslStream::save_session(ssl_st* ssl, CSockStream* stream) {
     if (by_number && own.m_session_reused == 0) own.m_session_number = own.sessionCache().NewNumber();
     if (makeKey(own, *stream, own.m_session_key) != 0) return -1;
     SSL_set_app_data(ssl, &own);
-    const TSession session(SSL_get1_session(ssl));
-    if (session == nullptr || SSL_SESSION_is_resumable(session.get()) != 1) return 0;
-    const TSession known(own.sessionCache().Get(own.m_session_key));
-    // A resumed session is there already, unless the server has renewed its ticket.
-    if (known != session) own.sessionCache().Add(session.get(), own.m_session_key);
+    SslContext::keepSession(ssl, own.sessionCache(), own.m_session_key);
     return 0;
 }
 
