@@ -116,6 +116,11 @@ void MediaAutoSend::enable(SMediaBufferRecord& record, std::uint64_t interval_ms
     s_registry.m_sender_list.push(record);
 }
 
+bool MediaAutoSend::isRunning() {
+    Plinth::CLockGuard guard(s_registry.mutex);
+    return s_registry.m_running;
+}
+
 void MediaAutoSend::disable(SMediaBufferRecord& record) {
     Plinth::CLockGuard guard(s_registry.mutex);
     if (!record.m_auto_send) return;

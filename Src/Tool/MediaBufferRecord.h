@@ -110,6 +110,8 @@ namespace MediaAutoSend {
 
 void enable(SMediaBufferRecord& record, std::uint64_t interval_ms);
 void disable(SMediaBufferRecord& record);
+/// Whether the timer runs, for tests.
+bool isRunning();
 
 }  // namespace MediaAutoSend
 

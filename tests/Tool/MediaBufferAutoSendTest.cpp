@@ -9,9 +9,9 @@ using namespace TestSupport;
 
 constexpr std::uint64_t HOUR_MS = 3'600'000;
 
-/// Waits until no timer is armed, which takes the last tick after the last buffer has left.
+/// Waits until the timer has ended, which takes the last tick after the last buffer has left.
 bool waitForNoTimer() {
-    return waitUntil([] { return CNetTimer::armed() == 0; });
+    return waitUntil([] { return !MediaAutoSend::isRunning(); });
 }
 
 struct MediaAutoSendTest : MediaTest {
@@ -62,7 +62,8 @@ TEST_F(MediaAutoSendTest, OneTimerServesAllBuffers) {
     second.open();
     one.EnableAutoSend(5);
     other.EnableAutoSend(HOUR_MS);  // no matter, since the timer runs
-    EXPECT_EQ(1U, CNetTimer::armed());
+    // One that is in its tick is not armed at that moment.
+    EXPECT_TRUE(waitUntil([] { return CNetTimer::armed() == 1; }));
     EXPECT_TRUE(waitUntil(
         [&] { return first->GetCounters().bytes_sent == 1 && second->GetCounters().bytes_sent == 1; }));
     one.DelSender(first.get());
@@ -73,7 +74,7 @@ TEST_F(MediaAutoSendTest, ABufferIsRegisteredOnce) {
     one.EnableAutoSend(5);
     one.EnableAutoSend(5);
     one.EnableAutoSend();
-    EXPECT_EQ(1U, CNetTimer::armed());
+    EXPECT_TRUE(MediaAutoSend::isRunning());
     one.DisableAutoSend();
     one.DisableAutoSend();
     EXPECT_TRUE(waitForNoTimer());
@@ -84,7 +85,7 @@ TEST_F(MediaAutoSendTest, TheTimerEndsWithItsLastBufferAndBeginsAnew) {
         one.EnableAutoSend(3);
         other.EnableAutoSend(3);
         one.DisableAutoSend();
-        EXPECT_EQ(1U, CNetTimer::armed());
+        EXPECT_TRUE(MediaAutoSend::isRunning());
         other.DisableAutoSend();
         EXPECT_TRUE(waitForNoTimer());
     }
@@ -100,7 +101,7 @@ TEST_F(MediaAutoSendTest, ABufferThatComesBeforeTheLastTickKeepsTheTimer) {
     one.DisableAutoSend();
     other.EnableAutoSend(50);
     EXPECT_TRUE(waitUntil([&] { return receiver->GetCounters().bytes_sent == 1; }));
-    EXPECT_EQ(1U, CNetTimer::armed());
+    EXPECT_TRUE(MediaAutoSend::isRunning());
     other.DelSender(receiver.get());
 }
 
@@ -130,7 +131,7 @@ TEST_F(MediaAutoSendTest, TheIntervalWithoutAnArgumentIsATenthOfASecond) {
 TEST_F(MediaAutoSendTest, AnIntervalBeyondAllReasonIsTaken) {
     endless = true;
     one.EnableAutoSend(UINT64_MAX);
-    EXPECT_EQ(1U, CNetTimer::armed());
+    EXPECT_TRUE(MediaAutoSend::isRunning());
 }
 
 TEST(MediaAutoSendPools, TheTimerComesBackWithThePool) {
