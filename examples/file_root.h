@@ -7,7 +7,8 @@
 #include <string_view>
 #include <system_error>
 
-/// Turns the target of a request into a file under the folder. Any thread may call; Find() asks the file
+/// Turns the target of a request into a file under the folder. Names never lead out of it. Neither do links
+/// where std::filesystem resolves them; g++'s for Windows does not. Any thread may call; Find() asks the file
 /// system and may block.
 class CFileRoot {
 public:

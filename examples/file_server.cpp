@@ -2,7 +2,8 @@
 //
 //   file_server root [port [threads [pool_size [timeout]]]]
 //
-// root       the folder to show; links out of it are not followed
+// root       the folder to show; links out of it are not followed (on Windows, where the C++ library does not
+//            see through them, leave none there)
 // port       where to listen on 127.0.0.1; 0, the default, takes any free port
 // threads    threads of the public pool, which accepts; 1 by default
 // pool_size  threads of a private pool that serves the connections; 0, the default: the public pool does

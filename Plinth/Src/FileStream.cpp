@@ -52,7 +52,8 @@ void CFileStream::close() {
     m_writable = false;
 }
 
-/// Between reading and writing a stream wants to be positioned.
+/// Between reading and writing a stream wants to be positioned, and behind an end of the file, which some C
+/// libraries remember otherwise, too.
 void CFileStream::turn_to(EUse use) {
     if (m_last_use != use && m_last_use != EUse::None) seekFile(m_stream, 0, SEEK_CUR);
     m_last_use = use;
@@ -71,6 +72,7 @@ int CFileStream::read(char* buffer, unsigned length) {
     if (!mayBeUsed(m_readable)) return -1;
     turn_to(EUse::Read);
     const std::size_t got = std::fread(buffer, 1, withinInt(length), m_stream);
+    if (got < length) m_last_use = EUse::AtEnd;
     return got == 0 && std::ferror(m_stream) != 0 ? -1 : static_cast<int>(got);
 }
 

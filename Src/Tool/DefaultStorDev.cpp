@@ -1,17 +1,43 @@
 #include "Tool/DefaultStorDev.h"
 
+#include <Plinth/File.h>
+
 #include <new>
+#include <string>
 
 #include "Log.h"
 #include "Socket/SocketApi.h"
 
 namespace Veltro::Ravelo {
 
+namespace {
+
+// Unnamed, so that a DLL does not export its type information.
+class CDefaultStorDev : public CNStorDev_IF {
+public:
+    CDefaultStorDev() = default;
+    CDefaultStorDev(const CDefaultStorDev&) = delete;
+    CDefaultStorDev& operator=(const CDefaultStorDev&) = delete;
+
+    int Open(const char* path, const char* mode) override;
+    void Close() override;
+    int Write(const char* buf, unsigned int len) override;
+    int Read(char* buf, unsigned int len) override;
+    int Seek(std::int64_t offset, int whence) override;
+    int Stat(NFile_Info* info) override;
+
+private:
+    ~CDefaultStorDev() override = default;
+
+    Plinth::CFileStream m_stream;
+    std::string m_path;  // whole, so that a long one is found again
+};
+
 int CDefaultStorDev::Open(const char* path, const char* mode) {
     try {
         m_path = path != nullptr ? path : "";
-    } catch (const std::bad_alloc&) {
-        return -1;
+    } catch (...) {
+        return -1;  // memory is short
     }
     if (m_stream.open(path, mode) == 0) return 0;
     const int error = SocketApi::lastError();
@@ -54,6 +80,12 @@ int CDefaultStorDev::Stat(NFile_Info* info) {
     info->size = status.size;
     m_path.copy(info->name, sizeof info->name - 1);
     return 0;
+}
+
+}  // namespace
+
+CNStorDev_IF* makeDefaultStorDev() {
+    return new (std::nothrow) CDefaultStorDev;
 }
 
 }  // namespace Veltro::Ravelo

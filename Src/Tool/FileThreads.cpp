@@ -127,7 +127,7 @@ bool CFileThreads::serve(CCurrentObject* current) {
         return true;
     }
     if (taken.file == nullptr) return false;
-    taken.file->run(taken.job->type, taken.argument);
+    taken.file->m_calls.run(*taken.file, taken.job->type, taken.argument);
     finish(*taken.file);
     return true;
 }
@@ -161,7 +161,7 @@ void CFileThreads::finish(CFileJobs& file) {
         }
         file.m_listed = false;
     }
-    file.release();
+    file.m_calls.release(file);
 }
 
 void CFileThreads::list(CFileJobs& file) {
@@ -191,7 +191,7 @@ bool CFileThreads::queue(CFileJobs& file, std::uint32_t type, std::int64_t argum
     file.m_tail = &job;
     if (!file.m_listed) {
         file.m_listed = true;
-        file.hold();
+        file.m_calls.hold(file);
         list(file);
     }
     return true;

@@ -31,7 +31,6 @@ struct SFileJob {
 /// it was given.
 class CFileJobs {
 public:
-    CFileJobs() = default;
     CFileJobs(const CFileJobs&) = delete;
     CFileJobs& operator=(const CFileJobs&) = delete;
 
@@ -39,20 +38,36 @@ public:
     bool queue(std::uint32_t type, std::int64_t argument);
 
 protected:
+    /// What a file does. Not virtual functions: a DLL would export the type information of a class that has
+    /// some, next to exported ones.
+    struct SCalls {
+        /// Does a job, on a file thread.
+        void (*run)(CFileJobs& file, std::uint32_t type, std::int64_t argument);
+        /// Keeps the file alive while jobs wait or run: called when the first is queued, and when none is
+        /// left.
+        void (*hold)(CFileJobs& file);
+        void (*release)(CFileJobs& file);
+    };
+    /// The calls of a derived class, which has functions of these names.
+    template <typename File>
+    static constexpr SCalls callsOf() {
+        return {[](CFileJobs& file, std::uint32_t type, std::int64_t argument) {
+                    static_cast<File&>(file).run(type, argument);
+                },
+                [](CFileJobs& file) { static_cast<File&>(file).hold(); },
+                [](CFileJobs& file) { static_cast<File&>(file).release(); }};
+    }
+
+    explicit CFileJobs(const SCalls& calls) : m_calls(calls) {}
     ~CFileJobs() = default;
 
 private:
     friend class CFileThreads;
 
-    /// Does a job, on a file thread.
-    virtual void run(std::uint32_t type, std::int64_t argument) = 0;
-    /// Keeps the file alive while jobs wait or run: called when the first is queued, and when none is left.
-    virtual void hold() = 0;
-    virtual void release() = 0;
-
     SFileJob& job(std::uint32_t type);
 
-    // All guarded by the job list's mutex.
+    const SCalls m_calls;
+    // The rest is guarded by the job list's mutex.
     SFileJob m_write{FILE_JOB_WRITE};
     SFileJob m_read{FILE_JOB_READ};
     SFileJob m_close{FILE_JOB_CLOSE};

@@ -22,7 +22,7 @@ CNFile::~CNFile() {
 }
 
 CNFile* CNFile::Open(long owner, const char* path, const char* mode, CNStorDev_IF* dev) {
-    if (dev == nullptr) dev = new (std::nothrow) CDefaultStorDev;
+    if (dev == nullptr) dev = makeDefaultStorDev();
     if (dev == nullptr) return nullptr;
     std::unique_ptr<SNFileRecord> record(new (std::nothrow) SNFileRecord(dev));
     CNFile* file = nullptr;

@@ -61,7 +61,7 @@ struct SNFileRecord final : CFileJobs {
     std::atomic<std::int64_t> m_device_end{0};  // as far as the device is known to have the file
     std::atomic<bool> m_write_failing{false};   // the last attempt to write has failed
 
-    explicit SNFileRecord(CNStorDev_IF* device) : m_device(device) {}
+    explicit SNFileRecord(CNStorDev_IF* device) : CFileJobs(callsOf<SNFileRecord>()), m_device(device) {}
 
     // Messages.
     void notify(unsigned type);
@@ -117,10 +117,10 @@ struct SNFileRecord final : CFileJobs {
     bool mark_closed() PLINTH_EXCLUDES(m_io_mutex);
     void close_device() PLINTH_EXCLUDES(m_job_mutex);
 
-private:
-    void run(std::uint32_t type, std::int64_t argument) override;
-    void hold() override { m_file->AddRef(); }
-    void release() override { m_file->DecRef(); }
+    // For the file threads.
+    void run(std::uint32_t type, std::int64_t argument);
+    void hold() { m_file->AddRef(); }
+    void release() { m_file->DecRef(); }
 };
 
 }  // namespace Veltro::Ravelo

@@ -233,6 +233,9 @@ def LinksAreFollowedInsideTheRootOnly(options):
             print(f"no links here: {failure}")
             raise SystemExit(77) from failure
         assert curl(web, "/within") == b"inside"
+        if options.suffix:
+            print("the rest is not run: programs for Windows cannot tell the links of this system from files")
+            raise SystemExit(77)
         for target in ("/out", "/above/secret", "/above/root/sub/../../secret", "/top/etc/passwd", "/loop"):
             assert status_of(web, target) == 404, target
 

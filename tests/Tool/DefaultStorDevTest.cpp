@@ -18,9 +18,9 @@ namespace fs = std::filesystem;
 
 /// A device for the time of a scope.
 struct SDevice {
-    CDefaultStorDev* device = new CDefaultStorDev;
+    CNStorDev_IF* device = makeDefaultStorDev();
     ~SDevice() { device->Close(); }
-    CDefaultStorDev* operator->() const { return device; }
+    CNStorDev_IF* operator->() const { return device; }
 };
 
 /// A file of the system for the time of a scope.

@@ -21,6 +21,8 @@ using namespace TestSupport;
 /// A file made of callables.
 class CJobs : public CFileJobs {
 public:
+    CJobs() : CFileJobs(callsOf<CJobs>()) {}
+
     std::function<void(std::uint32_t type, std::int64_t argument)> on_run;
     std::atomic<int> held{0};
     std::atomic<int> released{0};
@@ -32,15 +34,14 @@ public:
         return waitUntil([this] { return held.load() == released.load(); });
     }
 
-private:
-    void run(std::uint32_t type, std::int64_t argument) override {
+    void run(std::uint32_t type, std::int64_t argument) {
         if (inside.fetch_add(1) != 0) overlaps.fetch_add(1);
         if (on_run) on_run(type, argument);
         inside.fetch_sub(1);
         ran.fetch_add(1);
     }
-    void hold() override { held.fetch_add(1); }
-    void release() override { released.fetch_add(1); }
+    void hold() { held.fetch_add(1); }
+    void release() { released.fetch_add(1); }
 };
 
 TEST(FileThreads, NothingIsQueuedWhileNoneRuns) {

@@ -69,7 +69,7 @@ public:
     int seek(std::int64_t offset, int whence);
 
 private:
-    enum class EUse { None, Read, Write };
+    enum class EUse { None, Read, Write, AtEnd };
     void turn_to(EUse use);
 
     std::FILE* m_stream = nullptr;
