@@ -1,5 +1,5 @@
-// A page of figures that Prometheus reads: http://127.0.0.1:PORT/metrics. The figures are what the operator's command
-// "stat" answers; a dialogue of its own asks for them, so the page needs no operator. Enter ends it.
+// A page of figures that Prometheus reads: http://127.0.0.1:PORT/metrics. The figures are what the operator's
+// command "stat" answers; a dialogue of its own asks for them, so the page needs no operator. Enter ends it.
 //
 //     metrics [PORT]        any free port without one
 #include <Plinth/Console.h>
@@ -15,7 +15,8 @@ using namespace Veltro::Ravelo;
 /// What the command answers, as an HTTP answer.
 static std::string page() {
     std::string figures;
-    Plinth::CConsoleDialogue dialogue([&figures](const char* text, std::size_t length) { figures.append(text, length); });
+    Plinth::CConsoleDialogue dialogue(
+        [&figures](const char* text, std::size_t length) { figures.append(text, length); });
     const std::string command = "stat -metrics\n";
     dialogue.receive(command.data(), command.size());
     dialogue.runNext();
