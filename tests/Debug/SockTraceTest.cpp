@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -10,6 +9,7 @@
 #include "Debug/DebugControl.h"
 #include "Support/Gate.h"
 #include "Support/LogCapture.h"
+#include "Support/NeutralText.h"
 #include "Support/Reactor.h"
 
 namespace Veltro::Ravelo {
@@ -20,6 +20,8 @@ using TestSupport::CLogCapture;
 using TestSupport::closeAndWait;
 using TestSupport::CPublicPool;
 using TestSupport::CTestHandler;
+using TestSupport::replaced;
+using TestSupport::replacedNumber;
 using TestSupport::SStreamPair;
 
 constexpr int TRACE = Plinth::LOG_LEVEL_TRACE;
@@ -74,13 +76,12 @@ private:
         char address[32];
         std::snprintf(address, sizeof address, "%p", static_cast<const void*>(handler));
         const std::string id = std::to_string(handler->GetID());
-        const std::string socket = std::to_string(fd);
-        text = std::regex_replace(text, std::regex(std::string("obj:") + address + ","), "obj:OBJ,");
-        text = std::regex_replace(text, std::regex("(obj_id|obj-id):" + id), "$1:ID");
-        text = std::regex_replace(text, std::regex("(fd|socket):" + socket + "\\b"), "$1:FD");
-        text = std::regex_replace(text, std::regex("begin at [0-9]+ us"), "begin at T us");
-        text = std::regex_replace(text, std::regex("time_out:[0-9]{3,}, container"), "time_out:T, container");
-        return std::regex_replace(text, std::regex("container:(0x)?[0-9a-fA-F]+\n"), "container:P\n");
+        text = replaced(text, std::string("obj:") + address + ",", "obj:OBJ,");
+        text = replaced(replaced(text, "obj_id:" + id, "obj_id:ID"), "obj-id:" + id, "obj-id:ID");
+        text = replacedNumber(replacedNumber(text, "fd:", "FD"), "socket:", "FD");
+        text = replacedNumber(text, "begin at ", "T");
+        if (text.find("container:") != std::string::npos) text = replacedNumber(text, "time_out:", "T", 3);
+        return replacedNumber(text, "container:", "P");
     }
 };
 

@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 
 #include "R3/Terminal.h"
 #include "Support/Gate.h"
+#include "Support/NeutralText.h"
 #include "Support/Reactor.h"
 
 namespace Veltro::Ravelo {
@@ -32,8 +32,7 @@ protected:
         return text;
     }
     static std::string neutral(const std::string& line) {
-        const std::string text = std::regex_replace(line, std::regex("thread:[0-9]+,"), "thread:T,");
-        return std::regex_replace(text, std::regex("at [0-9]+ us"), "at U us");
+        return TestSupport::replacedNumber(TestSupport::replacedNumber(line, "thread:", "T"), " at ", "U");
     }
 
     const CPublicPool pool;
