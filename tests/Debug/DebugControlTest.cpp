@@ -107,6 +107,13 @@ private:
 
 TEST_F(ThreadDump, ShowsEveryWorkerWithTheClassOfItsHandler) {
     CLogCapture log;
+    // Workers enter the table a moment after the pool is made.
+    ASSERT_TRUE(TestSupport::waitUntil([&log] {
+        log.clear();
+        CDebugControl::DumpThreadModALL();
+        return log.lines().size() >= 3;
+    }));
+    log.clear();
     CDebugControl::DumpThreadModALL();
     const auto lines = log.lines();
     EXPECT_EQ(lines[0].text, HEADER);
