@@ -7,7 +7,9 @@ jobs=$(nproc)
 
 # What a build for each platform needs, as Debian 12 names it.
 native_packages=(ca-certificates cmake ninja-build g++ googletest python3 pkg-config binutils curl netcat-openbsd
-    socat libssl-dev openssl ffmpeg libcli11-dev libedit-dev tmux)
+    socat libssl-dev openssl libcli11-dev libedit-dev)
+# What the tests run besides.
+test_packages=(ffmpeg tmux)
 windows_packages=(g++-mingw-w64-x86-64-posix wine wine64 perl make)
 clang_packages=(clang)
 format_packages=(clang-format git)

@@ -17,7 +17,7 @@ case "${1:-}" in
         ;;
 esac
 
-install_packages "${native_packages[@]}"
+install_packages "${native_packages[@]}" "${test_packages[@]}"
 if [[ ${presets[0]} == windows-release ]]; then
     install_packages "${windows_packages[@]}"
     # Built once and kept; a folder given by the user is used instead.
