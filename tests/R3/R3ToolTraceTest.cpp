@@ -1,7 +1,9 @@
 // What senders, media buffers and receivers tell the operator.
 #include <Ravelo/MediaStreamReceiver.h>
 
-#include <regex>
+#include <algorithm>
+#include <string>
+#include <vector>
 
 #include "R3/R3Trace.h"
 #include "R3/Terminal.h"
@@ -25,15 +27,24 @@ private:
     std::atomic<bool>& m_switch;
 };
 
-/// The lines with P for every address and U for every time.
+/// A line with P for every address, and for every time, without its end.
+std::string neutral(const std::string& chunk) {
+    const std::string text = chunk.substr(0, chunk.find('\r'));
+    std::string result;
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t begin = text.compare(i, 2, "0x") == 0 ? i + 2 : i;
+        const std::size_t end =
+            std::min(text.find_first_not_of("0123456789abcdefABCDEF", begin), text.size());
+        const bool is_address = end - begin >= 8;
+        result += is_address ? 'P' : text[i];
+        i = is_address ? end : i + 1;
+    }
+    return result;
+}
+
 std::vector<std::string> linesOf(const CTerminal& terminal) {
     std::vector<std::string> lines;
-    for (const std::string& chunk : terminal.chunks()) {
-        std::string line = std::regex_replace(chunk, std::regex("at [0-9]+ us"), "at U us");
-        line = std::regex_replace(line, std::regex("(0x)?[0-9a-fA-F]{8,16}"), "P");
-        line = std::regex_replace(line, std::regex("fd:[0-9]+"), "fd:N");
-        lines.push_back(std::regex_replace(line, std::regex("\r\n$"), ""));
-    }
+    for (const std::string& chunk : terminal.chunks()) lines.push_back(neutral(chunk));
     return lines;
 }
 
@@ -133,11 +144,14 @@ TEST(R3ToolTrace, AReceiverTellsTheBeginningAndTheEndOfACall) {
     receiver->StartReceive(0, 1.0F);
     EXPECT_TRUE(terminal.waitFor(2));
     receiver->Close();
-    const TLines lines = linesOf(terminal);
-    const std::regex expected(
-        "Veltro::Ravelo::CMediaStreamReceiver::do_receive, object:P, class:.*CReceiver "
-        "handle_stream_input (begin|end) at U us");
-    for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line, expected)) << line;
+    for (const std::string& line : linesOf(terminal)) {
+        EXPECT_TRUE(line.starts_with(
+            "Veltro::Ravelo::CMediaStreamReceiver::do_receive, object:P, class:Veltro::Ravelo::"))
+            << line;
+        EXPECT_TRUE(line.ends_with("CReceiver handle_stream_input begin at P us") ||
+                    line.ends_with("CReceiver handle_stream_input end at P us"))
+            << line;
+    }
 }
 
 }  // namespace
