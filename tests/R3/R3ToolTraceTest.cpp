@@ -56,12 +56,11 @@ TEST(R3ToolTrace, AStreamSenderTellsWhatItIsGivenAndWhenItMaySend) {
     const CSwitch trace(R3Trace::sm_tools);
     EXPECT_EQ(0, rig.sender.put("hello"));
     EXPECT_EQ(0, rig.output());
-    EXPECT_EQ(
-        (TLines{"Veltro::Ravelo::CStreamSender::Put, object:P, class:Veltro::Ravelo::CStreamSender, put "
-                "len:5, strem:P, fd:N",
-                "Veltro::Ravelo::CStreamSender::handle_output, object:P, "
-                "class:Veltro::Ravelo::CStreamSender, strem:P, fd:N"}),
-        linesOf(terminal));
+    const std::string fd = std::to_string(rig.fd());
+    const std::string name = "Veltro::Ravelo::CStreamSender";
+    EXPECT_EQ((TLines{name + "::Put, object:P, class:" + name + ", put len:5, strem:P, fd:" + fd,
+                      name + "::handle_output, object:P, class:" + name + ", strem:P, fd:" + fd}),
+              linesOf(terminal));
 }
 
 TEST_F(MediaFanout, TellsTheWayOfAFrame) {
