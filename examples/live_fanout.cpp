@@ -12,26 +12,20 @@
 // connection that is limited to so many times 2^20 bits a second. It ends with its input, or by Ctrl-C or
 // SIGTERM (where the input is a pipe: with the next bytes).
 #include <array>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
 
-#include "live_acceptor.h"
+#include "http_acceptor.h"
+#include "live_client.h"
 #include "ts_cutter.h"
 
 using namespace Veltro;
 using namespace Veltro::Ravelo;
 
 namespace {
-
-volatile std::sig_atomic_t stop_requested = 0;
-
-void request_stop(int) {
-    stop_requested = 1;
-}
 
 /// A piece of the stream, which goes when the buffer needs it no more.
 class CPiece : public CMediaPacket {
@@ -87,8 +81,7 @@ void play(std::FILE* input, CMediaBuffer& buffer) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::signal(SIGINT, request_stop);
-    std::signal(SIGTERM, request_stop);
+    stop_on_signals();
     const bool is_pipe = argc > 1 && std::strcmp(argv[1], "-") == 0;
     std::FILE* input = argc < 2 ? nullptr : is_pipe ? stdin : std::fopen(argv[1], "rb");
     if (input == nullptr) return std::fprintf(stderr, "usage: live_fanout file|- [port]\n"), EXIT_FAILURE;
@@ -98,7 +91,7 @@ int main(int argc, char** argv) {
         SLiveServer server;
         server.buffer.EnableAutoSend();
         CSockAddrIPv4 where("127.0.0.1", static_cast<unsigned short>(argc > 2 ? std::atoi(argv[2]) : 0));
-        auto* acceptor = new CLiveAcceptor(server);
+        auto* acceptor = new CHttpAcceptor<CLiveClient, SLiveServer>(server);
         const bool started = acceptor->Start(where);
         if (started) {
             std::printf("listening on 127.0.0.1:%d\n", where.GetPort());
