@@ -31,7 +31,11 @@ struct MediaStreamSenderTls : MediaTest {
     }
     ~MediaStreamSenderTls() override {
         buffer.DelSender(sender);
+        sender->AddRef();
         sender->Close();
+        // The pool's references go first; ours is the last one then, and with it goes what the sender holds.
+        EXPECT_TRUE(waitUntil([this] { return SNetHandlerRecord::of(*sender).references.count() == 1; }));
+        sender->DecRef();
     }
 
     bool isSealed() const { return SMediaStreamSenderRecord::of(*sender).m_is_sealed; }
