@@ -8,6 +8,7 @@
 #include <typeinfo>
 
 #include "Debug/CallbackTimes.h"
+#include "Socket/ReadWatch.h"
 
 namespace Veltro::Ravelo {
 
@@ -51,6 +52,9 @@ public:
             noteTime();
     }
 
+    /// What the thread's reads leave; to save looking for it at every callback.
+    CReadWatch& readWatch() { return m_read_watch; }
+
     /// Calls the visitor for every entered thread, in the order of their ids. Any thread may call.
     static void visit(const std::function<void(unsigned long thread_id, const SModule& module)>& visitor);
 
@@ -64,6 +68,7 @@ private:
     std::atomic<std::int64_t> m_id{0};
     std::atomic<std::uint64_t> m_callbacks{0};
     std::uint64_t m_began_us = 0;  // of the callback in progress, while times are taken
+    CReadWatch& m_read_watch = CReadWatch::ofThread();
     int m_pool;
     unsigned long m_thread_id;
 };

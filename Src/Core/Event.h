@@ -54,7 +54,7 @@ struct SSockTimeout {
 /// One record for all queued work: a registered socket (key = its descriptor), a message, a token, a
 /// heartbeat. Comes from CEventPool and goes back to it; its memory stays a record while the library runs.
 /// What a message uses is one line of the processor's cache.
-struct alignas(64) SEvent : SQueueRecord {
+struct alignas(CACHE_LINE) SEvent : SQueueRecord {
     // Messages.
     std::int64_t sender = 0;
     std::int64_t receiver = 0;

@@ -13,7 +13,7 @@
 
 namespace Veltro::Ravelo {
 
-CHandlerShare::CHandlerShare(SNetHandlerRecord& record) : m_record(&record) {
+CHandlerShare::CHandlerShare(SNetHandlerRecord& record) : m_record(&record), m_handler(record.entry.handler) {
     record.holders.fetch_add(1, std::memory_order_relaxed);
 }
 

@@ -44,7 +44,8 @@ private:
 };
 
 /// The private state of a CNetHandler. It lives as long as the handler or a share in it, whichever is longer.
-struct SNetHandlerRecord {
+/// One line of the processor's cache.
+struct alignas(CACHE_LINE) SNetHandlerRecord {
     std::atomic<std::uint16_t> __m_magic{MAGIC_OPEN};   ///< written under the mutex
     std::uint8_t closing PLINTH_GUARDED_BY(mutex) = 0;  ///< set once, before handle_close()
     SObjectEntry entry;                                 ///< in the pool's object table; its key is the id
@@ -68,7 +69,7 @@ struct SNetHandlerRecord {
 };
 
 inline CNetHandler* CHandlerShare::takeHandler() const {
-    return m_record != nullptr && m_record->references.addIfBound() ? m_record->entry.handler : nullptr;
+    return m_record != nullptr && m_record->references.addIfBound() ? m_handler : nullptr;
 }
 
 inline void CHandlerShare::changeSockets(std::int64_t by) const {

@@ -4,6 +4,7 @@
 
 #include "Core/Event.h"
 #include "Core/SockTrace.h"
+#include "Socket/ReadWatch.h"
 
 namespace Veltro::Ravelo {
 
@@ -40,7 +41,7 @@ private:
                                    int timeout_ms) PLINTH_REQUIRES(record.mutex);
     static SockTrace::ERemoval condemn(CThreadPool& pool, SEvent& record) PLINTH_REQUIRES(record.mutex);
     static void freeErased(SEvent& record);
-    static bool rearm(CThreadPool& pool, SEvent& record, int result);
+    static bool rearm(CThreadPool& pool, SEvent& record, int result, CReadWatch::ELeft left);
     static bool freeCondemned(CThreadPool& pool, SEvent& record);
 };
 

@@ -71,11 +71,11 @@ std::int64_t nextTimeout(const SEvent& record, int result) {
 }  // namespace
 
 void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEvent& record) {
-    CReadWatch::begin(static_cast<int>(record.key));
+    current.readWatch().begin(static_cast<int>(record.key));
     const auto dispatch = has(record, TIMEOUTS) ? SockTrace::EDispatch::Timeout : SockTrace::EDispatch::Net;
     const int result = callOwner(current, record, dispatch);
     SockTrace::dispatchEnd(record, dispatch, result);
-    while (!rearm(pool, record, result)) {
+    while (!rearm(pool, record, result, current.readWatch().left())) {
         if (freeCondemned(pool, record)) return;
     }
 }
@@ -85,8 +85,7 @@ void CNetSock::handle_netevent(CThreadPool& pool, CCurrentObject& current, SEven
 ///
 /// Bytes that wait inside the socket object, decrypted but not read, make no event: the record stays in
 /// flight and is dispatched again behind what is queued by then.
-bool CNetSock::rearm(CThreadPool& pool, SEvent& record, int result) {
-    const CReadWatch::ELeft left = CReadWatch::left();
+bool CNetSock::rearm(CThreadPool& pool, SEvent& record, int result, CReadWatch::ELeft left) {
     bool is_again = false;
     {
         Plinth::CLockGuard guard(record.mutex);

@@ -2,28 +2,14 @@
 
 namespace Veltro::Ravelo {
 
-namespace {
-
-struct SWatch {
-    int fd = -1;
-    CReadWatch::ELeft left = CReadWatch::ELeft::Unknown;
-};
-
-thread_local SWatch t_watch;
-
-}  // namespace
-
-void CReadWatch::begin(int fd) {
-    t_watch = SWatch{fd, ELeft::Unknown};
+CReadWatch& CReadWatch::ofThread() {
+    thread_local CReadWatch t_watch;
+    return t_watch;
 }
 
 void CReadWatch::note(int fd, ELeft left) {
-    SWatch& watch = t_watch;
-    if (watch.fd == fd) watch.left = left;
-}
-
-CReadWatch::ELeft CReadWatch::left() {
-    return t_watch.left;
+    CReadWatch& watch = ofThread();
+    if (watch.m_fd == fd) watch.m_left = left;
 }
 
 }  // namespace Veltro::Ravelo

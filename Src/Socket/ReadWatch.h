@@ -12,12 +12,23 @@ public:
         Inside    ///< bytes that the system has handed over already wait in the socket object
     };
 
-    /// From now on the calling thread's reads of this descriptor count.
-    static void begin(int fd);
+    /// The calling thread's; valid until the thread ends. begin() and left() are the thread's own too.
+    static CReadWatch& ofThread();
+
+    /// From now on the thread's reads of this descriptor count.
+    void begin(int fd) {
+        m_fd = fd;
+        m_left = ELeft::Unknown;
+    }
+    /// What the last read since begin() has left.
+    ELeft left() const { return m_left; }
+
     /// Tells what the calling thread's last read of a descriptor has left.
     static void note(int fd, ELeft left);
-    /// What the last read since begin() has left.
-    static ELeft left();
+
+private:
+    int m_fd = -1;
+    ELeft m_left = ELeft::Unknown;
 };
 
 }  // namespace Veltro::Ravelo

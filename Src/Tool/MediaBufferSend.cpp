@@ -13,6 +13,16 @@ CMediaStreamSender*& nextOf(const CMediaStreamSender& sender) {
     return SMediaStreamSenderRecord::of(sender).m_next_sender;
 }
 
+/// While one sender sends, the processor fetches what the two behind it will need: with thousands of them
+/// nothing of theirs is left in its cache since the last pass.
+/// @param next the sender after the one that sends; its record was fetched before. @return the one after it.
+const CMediaStreamSender* lookAhead(const CMediaStreamSender& next) {
+    __builtin_prefetch(SMediaStreamSenderRecord::of(next).m_stream);
+    const CMediaStreamSender* const after_next = nextOf(next);
+    __builtin_prefetch(after_next);
+    return after_next;
+}
+
 }  // namespace
 
 bool SMediaBufferRecord::add_sender(CMediaStreamSender& sender) {
@@ -57,6 +67,7 @@ std::uint64_t SMediaBufferRecord::send_to_all() {
     R3MediaTrace::sendBegins(m_owner, should_discard, min_pos);
     for (CMediaStreamSender* sender = m_sender_header; sender != nullptr;) {
         CMediaStreamSender* const next = nextOf(*sender);
+        const CMediaStreamSender* const after_next = next != nullptr ? lookAhead(*next) : nullptr;
         const std::int64_t position = send_to(*sender);
         if (position >= 0) {
             has_position = true;
@@ -67,6 +78,7 @@ std::uint64_t SMediaBufferRecord::send_to_all() {
             del_sender(*sender);
             if (!m_has_sender) return 0;
         }
+        if (after_next != nullptr) SMediaStreamSenderRecord::of(*after_next).prefetch();
         sender = next;
     }
     R3MediaTrace::sendEnds(m_owner, should_discard, m_byte_discard);

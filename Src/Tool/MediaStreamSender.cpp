@@ -142,9 +142,9 @@ std::int64_t CMediaStreamSender::Send(CFrame* frame, std::uint64_t) {
 
 int CMediaStreamSender::check_other_data() {
     SMediaStreamSenderRecord& record = *m_internal;
+    if (record.m_other_len.load(std::memory_order_relaxed) == 0) return 0;
     Plinth::CLockGuard guard(record.mutex);
-    if (record.m_other_len == 0) return 0;
-    const int sent = SockWrite::send(*record.m_stream, record.m_other_data.data(), record.m_other_len);
+    const int sent = SockWrite::send(*record.m_stream, record.m_other_data.get(), record.m_other_len);
     if (sent < 0) {
         if (record.m_exception_id != 0) {
             RAVELO_LOG_THIS(Plinth::LOG_LEVEL_WARNING,
@@ -156,7 +156,8 @@ int CMediaStreamSender::check_other_data() {
     if (sent > 0) {
         record.end_stall();
         record.m_other_len -= static_cast<std::uint32_t>(sent);
-        std::memmove(record.m_other_data.data(), record.m_other_data.data() + sent, record.m_other_len);
+        std::memmove(record.m_other_data.get(), record.m_other_data.get() + sent, record.m_other_len);
+        if (record.m_other_len == 0) record.m_other_data.reset();
         return static_cast<int>(record.m_other_len);
     }
     if (timed_out()) {
@@ -201,8 +202,10 @@ void CMediaStreamSender::SendOtherData(const char* data, int len) {
     if (data == nullptr || len < 1) return;
     SMediaStreamSenderRecord& record = *m_internal;
     Plinth::CLockGuard guard(record.mutex);
-    if (static_cast<std::uint32_t>(len) > record.m_other_data.size() - record.m_other_len) return;
-    std::memcpy(record.m_other_data.data() + record.m_other_len, data, static_cast<std::size_t>(len));
+    if (static_cast<std::uint32_t>(len) > OTHER_DATA_BYTES - record.m_other_len) return;
+    if (!record.m_other_data) record.m_other_data.reset(new (std::nothrow) char[OTHER_DATA_BYTES]);
+    if (!record.m_other_data) return;
+    std::memcpy(record.m_other_data.get() + record.m_other_len, data, static_cast<std::size_t>(len));
     record.m_other_len += static_cast<std::uint32_t>(len);
 }
 

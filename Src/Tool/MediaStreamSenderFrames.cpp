@@ -117,10 +117,11 @@ int SMediaStreamSenderRecord::write() {
 bool SMediaStreamSenderRecord::count_sent(std::int64_t bytes) {
     m_position += static_cast<std::uint64_t>(bytes);
     m_frame_left -= bytes;
+    count(m_bytes_sent, static_cast<std::uint64_t>(bytes));
+    if (m_frame_left <= 0) return true;
     m_frame->m_sending_bytes.fetch_add(bytes, std::memory_order_relaxed);
     m_counted += bytes;
-    count(m_bytes_sent, static_cast<std::uint64_t>(bytes));
-    return m_frame_left <= 0;
+    return false;
 }
 
 void SMediaStreamSenderRecord::advance(std::int64_t bytes) {

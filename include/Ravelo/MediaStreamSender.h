@@ -62,8 +62,8 @@ public:
     /// @{
 
     /// Queues bytes to be sent between two frames, before the next one; what exceeds OTHER_DATA_BYTES with
-    /// the bytes that wait already is dropped whole. Any thread. A sender that waits for its first key frame
-    /// sends them with that.
+    /// the bytes that wait already, or finds no memory, is dropped whole. The room for them is the sender's
+    /// only while bytes wait. Any thread. A sender that waits for its first key frame sends them with that.
     void SendOtherData(const char* data, int len);
     /// Gives the unsent rest of a packet that the socket took only in part, so that the caller can send it by
     /// other means, and goes on behind it. Not while the buffer may be sending: best for one taken off it.

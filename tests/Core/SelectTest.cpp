@@ -1,5 +1,9 @@
 #include "Core/Select.h"
 
+#include <memory>
+#include <set>
+#include <vector>
+
 #include "Core/SelectRig.h"
 
 using namespace Veltro::Ravelo;
@@ -220,6 +224,55 @@ TEST(Select, AReusedDescriptorInheritsNoReadiness) {
     });
     EXPECT_EQ(Fired{}, fired);
     EXPECT_EQ(unsigned{VL_NOPOLL}, record.m_revents.load());
+}
+
+namespace {
+/// Connections whose far ends have all sent a byte.
+struct SReadyPairs {
+    explicit SReadyPairs(SRig& rig) {
+        for (int i = 0; i < 40; ++i) {
+            pairs.push_back(std::make_unique<SSocketPair>());
+            records.insert(&rig.enroll(pairs.back()->server, EventMask::Read));
+        }
+        for (const auto& pair : pairs) sendText(pair->client, pair->server, "x");
+    }
+    std::vector<std::unique_ptr<SSocketPair>> pairs;
+    std::set<SEvent*> records;
+};
+}  // namespace
+
+TEST(Select, ManyReadySocketsAreFiredOnceEach) {
+    SRig rig;
+    const SReadyPairs ready(rig);
+    std::set<SEvent*> fired;
+    while (fired.size() < ready.records.size()) {
+        for (SEvent* record : rig.pass()) EXPECT_TRUE(fired.insert(record).second);
+    }
+    EXPECT_EQ(ready.records, fired);
+    EXPECT_EQ(Fired{}, rig.look());
+}
+
+TEST(Select, WhatWasReportedWithOthersIsNotFiredOnceItIsRemoved) {
+    SRig rig;
+    const SReadyPairs ready(rig);
+    const Fired first = rig.pass();
+    EXPECT_FALSE(first.empty());
+    for (SEvent* record : ready.records) rig.remove(*record);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(Fired{}, rig.look());
+}
+
+TEST(Select, WhatWasReportedWithOthersGetsTheInterestItHasByThen) {
+    SRig rig;
+    const SReadyPairs ready(rig);
+    std::set<SEvent*> left = ready.records;
+    for (SEvent* record : rig.pass()) left.erase(record);
+    for (SEvent* record : left) rig.setMask(*record, EventMask::Write);
+    while (!left.empty()) {
+        for (SEvent* record : rig.pass()) {
+            EXPECT_EQ(unsigned{VL_POLLOUT}, record->m_revents.load());
+            left.erase(record);
+        }
+    }
 }
 
 TEST(Select, CapacityIsBoundedByThePlatform) {

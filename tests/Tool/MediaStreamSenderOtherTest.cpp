@@ -1,4 +1,5 @@
 // What a sender slips in between frames, and what it gives back of a split packet.
+#include "Support/ScarceMemory.h"
 #include "Support/SockRegistry.h"
 #include "Tool/MediaRig.h"
 
@@ -61,6 +62,16 @@ TEST_F(MediaOtherData, FourKibibytesAreKeptAndAByteMoreIsDropped) {
     buffer.do_send();
     EXPECT_EQ("fits" + std::string(4092, 'q'), receiver.text(4096));
     EXPECT_EQ(0, log.count(3, "MediaStreamSender"));
+}
+
+TEST_F(MediaOtherData, WithoutMemoryItIsDropped) {
+    {
+        const CScarceMemory none(0);
+        sendOther(receiver, "lost");
+    }
+    sendOther(receiver, "kept");
+    putFrame("K");
+    EXPECT_EQ("keptK", receiver.text(4));
 }
 
 TEST_F(MediaOtherData, NothingIsNoData) {
