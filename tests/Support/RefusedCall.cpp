@@ -1,0 +1,56 @@
+#include "RefusedCall.h"
+
+#include <atomic>
+
+#include "Socket/SocketApi.h"
+
+namespace {
+
+std::atomic<bool> s_refuses_listen{false};
+std::atomic<bool> s_refuses_option{false};
+std::atomic<int> s_level{0};
+std::atomic<int> s_name{0};
+
+int refuse() {
+    Veltro::Ravelo::SocketApi::setLastError(Veltro::Ravelo::SocketApi::invalidArgumentError());
+    return -1;
+}
+
+}  // namespace
+
+namespace Veltro::TestSupport {
+
+CRefusedCall::CRefusedCall() {
+    s_refuses_listen = true;
+}
+
+CRefusedCall::CRefusedCall(int level, int name) {
+    s_level = level;
+    s_name = name;
+    s_refuses_option = true;
+}
+
+CRefusedCall::~CRefusedCall() {
+    s_refuses_listen = false;
+    s_refuses_option = false;
+}
+
+}  // namespace Veltro::TestSupport
+
+// The linker leads the library's calls here, and those of the __real_ names to the bodies.
+
+extern "C" {
+
+int __real__ZN6Veltro6Ravelo9SocketApi6listenEii(int fd, int backlog);
+int __real__ZN6Veltro6Ravelo9SocketApi9setOptionEiiii(int fd, int level, int name, int value);
+
+int __wrap__ZN6Veltro6Ravelo9SocketApi6listenEii(int fd, int backlog) {
+    return s_refuses_listen ? refuse() : __real__ZN6Veltro6Ravelo9SocketApi6listenEii(fd, backlog);
+}
+
+int __wrap__ZN6Veltro6Ravelo9SocketApi9setOptionEiiii(int fd, int level, int name, int value) {
+    if (s_refuses_option && level == s_level && name == s_name) return refuse();
+    return __real__ZN6Veltro6Ravelo9SocketApi9setOptionEiiii(fd, level, name, value);
+}
+
+}  // extern "C"
