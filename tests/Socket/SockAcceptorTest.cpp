@@ -295,7 +295,7 @@ TEST(SockAcceptor, OpenThatCannotListenFailsAndKeepsTheSocket) {
     CSockAcceptor acceptor;
     CLogCapture log;
     {
-        const TestSupport::CRefusedCall refused;
+        const TestSupport::CRefusedCall refused(TestSupport::CRefusedCall::ECall::Listen);
         EXPECT_EQ(-1, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
     }
     expectKeptSocket(acceptor, log, "listen");

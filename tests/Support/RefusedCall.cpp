@@ -4,9 +4,11 @@
 
 #include "Socket/SocketApi.h"
 
+using Veltro::TestSupport::CRefusedCall;
+
 namespace {
 
-std::atomic<bool> s_refuses_listen{false};
+std::atomic<CRefusedCall::ECall> s_refused{CRefusedCall::ECall::None};
 std::atomic<bool> s_refuses_option{false};
 std::atomic<int> s_level{0};
 std::atomic<int> s_name{0};
@@ -20,8 +22,8 @@ int refuse() {
 
 namespace Veltro::TestSupport {
 
-CRefusedCall::CRefusedCall() {
-    s_refuses_listen = true;
+CRefusedCall::CRefusedCall(ECall call) {
+    s_refused = call;
 }
 
 CRefusedCall::CRefusedCall(int level, int name) {
@@ -31,7 +33,7 @@ CRefusedCall::CRefusedCall(int level, int name) {
 }
 
 CRefusedCall::~CRefusedCall() {
-    s_refuses_listen = false;
+    s_refused = ECall::None;
     s_refuses_option = false;
 }
 
@@ -42,10 +44,17 @@ CRefusedCall::~CRefusedCall() {
 extern "C" {
 
 int __real__ZN6Veltro6Ravelo9SocketApi6listenEii(int fd, int backlog);
+int __real__ZN6Veltro6Ravelo9SocketApi14createDatagramEi(int family);
 int __real__ZN6Veltro6Ravelo9SocketApi9setOptionEiiii(int fd, int level, int name, int value);
 
 int __wrap__ZN6Veltro6Ravelo9SocketApi6listenEii(int fd, int backlog) {
-    return s_refuses_listen ? refuse() : __real__ZN6Veltro6Ravelo9SocketApi6listenEii(fd, backlog);
+    if (s_refused == CRefusedCall::ECall::Listen) return refuse();
+    return __real__ZN6Veltro6Ravelo9SocketApi6listenEii(fd, backlog);
+}
+
+int __wrap__ZN6Veltro6Ravelo9SocketApi14createDatagramEi(int family) {
+    if (s_refused == CRefusedCall::ECall::CreateDatagram) return refuse();
+    return __real__ZN6Veltro6Ravelo9SocketApi14createDatagramEi(family);
 }
 
 int __wrap__ZN6Veltro6Ravelo9SocketApi9setOptionEiiii(int fd, int level, int name, int value) {

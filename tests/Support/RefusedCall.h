@@ -4,13 +4,13 @@
 
 namespace Veltro::TestSupport {
 
-/// While it lives, every call of SocketApi::listen, or of SocketApi::setOption for one option, fails with
-/// "invalid argument". One at a time.
+/// While it lives, every call of one of SocketApi's functions fails with "invalid argument". One at a time.
 class CRefusedCall {
 public:
-    /// Refuses to listen.
-    CRefusedCall();
-    /// Refuses an option whose value is an int.
+    enum class ECall { None, CreateDatagram, Listen };
+
+    explicit CRefusedCall(ECall call);
+    /// Refuses one option whose value is an int.
     CRefusedCall(int level, int name);
     ~CRefusedCall();
     CRefusedCall(const CRefusedCall&) = delete;
