@@ -13,6 +13,10 @@ std::atomic<bool> s_refuses_option{false};
 std::atomic<int> s_level{0};
 std::atomic<int> s_name{0};
 
+bool refusesOption(int level, int name) {
+    return s_refuses_option && level == s_level && name == s_name;
+}
+
 int refuse() {
     Veltro::Ravelo::SocketApi::setLastError(Veltro::Ravelo::SocketApi::invalidArgumentError());
     return -1;
@@ -46,6 +50,8 @@ extern "C" {
 int __real__ZN6Veltro6Ravelo9SocketApi6listenEii(int fd, int backlog);
 int __real__ZN6Veltro6Ravelo9SocketApi14createDatagramEi(int family);
 int __real__ZN6Veltro6Ravelo9SocketApi9setOptionEiiii(int fd, int level, int name, int value);
+int __real__ZN6Veltro6Ravelo9SocketApi9setOptionEiiiPKvi(int fd, int level, int name, const void* value,
+                                                         int length);
 
 int __wrap__ZN6Veltro6Ravelo9SocketApi6listenEii(int fd, int backlog) {
     if (s_refused == CRefusedCall::ECall::Listen) return refuse();
@@ -58,8 +64,14 @@ int __wrap__ZN6Veltro6Ravelo9SocketApi14createDatagramEi(int family) {
 }
 
 int __wrap__ZN6Veltro6Ravelo9SocketApi9setOptionEiiii(int fd, int level, int name, int value) {
-    if (s_refuses_option && level == s_level && name == s_name) return refuse();
+    if (refusesOption(level, name)) return refuse();
     return __real__ZN6Veltro6Ravelo9SocketApi9setOptionEiiii(fd, level, name, value);
+}
+
+int __wrap__ZN6Veltro6Ravelo9SocketApi9setOptionEiiiPKvi(int fd, int level, int name, const void* value,
+                                                         int length) {
+    if (refusesOption(level, name)) return refuse();
+    return __real__ZN6Veltro6Ravelo9SocketApi9setOptionEiiiPKvi(fd, level, name, value, length);
 }
 
 }  // extern "C"

@@ -10,7 +10,7 @@ public:
     enum class ECall { None, CreateDatagram, Listen };
 
     explicit CRefusedCall(ECall call);
-    /// Refuses one option whose value is an int.
+    /// Refuses one socket option.
     CRefusedCall(int level, int name);
     ~CRefusedCall();
     CRefusedCall(const CRefusedCall&) = delete;
