@@ -124,7 +124,7 @@ int CNetSock::RegisterSock(CNetHandler& handler, CSock& sock, unsigned mask,
     CPoolPin pin(poolOfId(caller.id()));
     CThreadPool* pool = poolOf(pin, caller);
     if (pool == nullptr) return -1;
-    const int timeout_ms = std::max(timeout_us, 0) / 1000;
+    const int timeout_ms = timeout_us / 1000;
     mask &= ~RESERVED;
     SockTrace::registerSock(handler, fd, mask, timeout_ms);
 

@@ -2,6 +2,8 @@
 
 #include <Ravelo/NetHandler.h>
 
+#include <algorithm>
+
 #include "Core/CurrentObject.h"
 #include "Core/NetHandlerRecord.h"
 #include "Core/NetSock.h"
@@ -64,7 +66,7 @@ int callOwner(CCurrentObject& current, SEvent& record, SockTrace::EDispatch disp
 
 /// The next time-out in ms after a callback returned result microseconds.
 std::int64_t nextTimeout(const SEvent& record, int result) {
-    if (result == 0) return record.timer.m_set_time;
+    if (result == 0) return std::max(record.timer.m_set_time, 0);
     return result > 0 ? result / 1000 : result;
 }
 

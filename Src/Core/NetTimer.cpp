@@ -132,9 +132,9 @@ STimer* newTimer() {
 }  // namespace
 
 int CNetTimer::start() {
-    s_state.thread = std::make_unique<Plinth::CThreadLite>(&threadProc, "Timer_Thread",
-                                                           Plinth::PRIORITY_NORMAL, Plinth::POLICY_NORMAL, 0);
-    if (s_state.thread->createThread()) return 0;
+    s_state.thread.reset(new (std::nothrow) Plinth::CThreadLite(
+        &threadProc, "Timer_Thread", Plinth::PRIORITY_NORMAL, Plinth::POLICY_NORMAL, 0));
+    if (s_state.thread && s_state.thread->createThread()) return 0;
     s_state.thread.reset();
     return -1;
 }
@@ -243,6 +243,11 @@ void CNetTimer::freeRecord(STimer* timer) {
 std::size_t CNetTimer::armed() {
     Plinth::CLockGuard guard(s_state.mutex);
     return s_state.heap.size();
+}
+
+std::uint64_t CNetTimer::firstDueUs() {
+    Plinth::CLockGuard guard(s_state.mutex);
+    return s_state.heap.empty() ? 0 : s_state.heap.root()->due_us;
 }
 
 }  // namespace Veltro::Ravelo

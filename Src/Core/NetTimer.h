@@ -25,7 +25,7 @@ public:
     /// Timers due within this time are taken along.
     static constexpr std::int64_t AHEAD_US = 1'000;
 
-    /// Starts the thread; 0, or -1 if the system has none to give.
+    /// Starts the thread; 0, or -1 if the system has none to give, or no memory.
     static int start();
     static void stop();
 
@@ -44,6 +44,8 @@ public:
     static void freeRecord(STimer* timer);
     /// How many timers wait, for tests.
     static std::size_t armed();
+    /// When the first of them is due, in microseconds of the steady clock, for tests; 0 if none waits.
+    static std::uint64_t firstDueUs();
 
 private:
     static bool set_timer(STimer* timer);

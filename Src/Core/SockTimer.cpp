@@ -4,6 +4,7 @@
 #include <Plinth/Time.h>
 
 #include <memory>
+#include <new>
 
 #include "Core/PoolTable.h"
 #include "Core/SockTrace.h"
@@ -68,17 +69,17 @@ bool expire(SEvent& record, CThreadPool* pool) PLINTH_REQUIRES(record.mutex, s_s
 
 int CSockTimer::start() {
     s_state.clock_ms.store(0);
-    s_state.thread = std::make_unique<Plinth::CThreadLite>(
-        [](Plinth::CThreadLite& self) {
-            CStallWatch stalls;
-            while (self.looping()) {
-                if (s_state.stop.pend(TICK_MS * 1000)) continue;
-                scan();
-                stalls.look(Plinth::CTime::getCurrentMilliSecond());
-            }
-        },
-        "Sock_Timer_Thread", Plinth::PRIORITY_NORMAL, Plinth::POLICY_NORMAL, 0);
-    if (s_state.thread->createThread()) return 0;
+    const auto body = [](Plinth::CThreadLite& self) {
+        CStallWatch stalls;
+        while (self.looping()) {
+            if (s_state.stop.pend(TICK_MS * 1000)) continue;
+            scan();
+            stalls.look(Plinth::CTime::getCurrentMilliSecond());
+        }
+    };
+    s_state.thread.reset(new (std::nothrow) Plinth::CThreadLite(
+        body, "Sock_Timer_Thread", Plinth::PRIORITY_NORMAL, Plinth::POLICY_NORMAL, 0));
+    if (s_state.thread && s_state.thread->createThread()) return 0;
     s_state.thread.reset();
     return -1;
 }

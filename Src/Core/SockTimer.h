@@ -17,7 +17,7 @@ class CSockTimer {
 public:
     static constexpr std::int64_t TICK_MS = 500;
 
-    /// Starts the thread; 0, or -1 if the system has none to give.
+    /// Starts the thread; 0, or -1 if the system has none to give, or no memory.
     static int start();
     /// Ends the thread and waits for it. Records still in the list stay there until Delete().
     static void stop();

@@ -69,8 +69,8 @@ int CSockDgram::Open(const CSockAddr* local, bool reuse) {
     if (m_internal == nullptr) return -1;
     *m_internal = SInternal{};
     m_internal->m_is_ipv4 = family == SOCKADDR_TYPE_IPV4;
-    // An address of no family fails here.
-    m_fd = SocketApi::createDatagram(systemFamily(family));
+    // What is no IPv4 address counts as an IPv6 one; without any text that is "::".
+    m_fd = SocketApi::createDatagram(m_internal->m_is_ipv4 ? AF_INET : AF_INET6);
     if (m_fd < 0) {
         const int error = SocketApi::lastError();
         RAVELO_LOG_THIS(Plinth::LOG_LEVEL_ERROR, "%s : create socket failed, error:%d, %s\n.", OPEN, error,

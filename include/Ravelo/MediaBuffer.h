@@ -56,6 +56,8 @@ public:
     static constexpr std::int64_t MAX_FRAME_BYTES = 64 * 1024 * 1024;
     static constexpr unsigned MAX_FRAME_PACKETS = 65'536;
 
+    /// A buffer without frames and receivers. One for which there was no memory takes nothing: Put() gives
+    /// -1.
     CMediaBuffer();
     /// As Clear(); the timer of auto-send knows the buffer no more when this returns.
     ~CMediaBuffer();

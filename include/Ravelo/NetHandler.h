@@ -34,7 +34,8 @@ public:
     CNetHandler& operator=(const CNetHandler&) = delete;
 
     /// @name Callbacks
-    /// Called on a thread of the handler's pool. The result of a socket callback sets the socket's next
+    /// Called on a thread of the handler's pool; fd is the socket's descriptor. They may block, but hold up
+    /// what else that thread would serve. The result of a socket callback sets the socket's next
     /// time-out: 0 keeps the registered interval, a positive number is a new interval in microseconds, a
     /// negative number leaves the socket without one. After a time-out callback the socket has no time-out
     /// whatever is returned.

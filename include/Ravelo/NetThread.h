@@ -58,7 +58,8 @@ public:
     static int TraversalSock();
     /// Logs the registration of one socket; 0 means all.
     static void DumpSockEvent(int fd);
-    /// Logs the registrations of several sockets.
+    /// Logs the registrations of several sockets. @param fds count descriptors; only read. Null, or a count
+    /// below 1, logs nothing.
     static void DumpSockArrayEvent(int* fds, int count);
     /// Logs the registrations of one handler's sockets; 0 means all.
     static void DumpNethandlerEvent(std::int64_t id);

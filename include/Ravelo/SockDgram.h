@@ -26,6 +26,7 @@ public:
     /// @param local where to bind: an IPv4 or IPv6 address, or a storage of either; port 0 lets the system
     /// choose. Null makes an IPv4 socket that the system binds when it first sends. A name in a storage is
     /// looked up once more, which blocks the calling thread; if that fails, IPv4 fails and IPv6 binds "::".
+    /// So does an address of no family, such as a storage without a text.
     /// @param reuse lets other sockets bind the same port, if that is not 0; needs a local address.
     /// @return 0, or -1; a socket that was created stays in the object then.
     int Open(const CSockAddr* local, bool reuse);

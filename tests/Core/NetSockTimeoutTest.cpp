@@ -226,6 +226,28 @@ TEST(NetSockTimeout, RegisteredInsideANetworkCallbackThatReturnsZeroItTakesEffec
     handler->RemoveSock(pair.server);
 }
 
+TEST(NetSockTimeout, ANegativeOneRegisteredInsideACallbackThatReturnsZeroDropsIt) {
+    const CPublicPool pool;
+    Plinth::CSemaphore done;
+    CScopedHandler handler;
+    SSocketPair pair;
+    const int fd = pair.server.GetHandle();
+    handler->on_input = [&](int input_fd) {
+        EXPECT_EQ(1, drain(input_fd));
+        EXPECT_EQ(0, handler->RegisterSock(pair.server, EventMask::Read, -40'000'000));
+        EXPECT_EQ(-40'000, sockState(fd).set_time);
+        done.post();
+        return 0;
+    };
+    handler->RegisterSock(pair.server, EventMask::Read, 60'000'000);
+    sendByte(pair.client);
+    EXPECT_TRUE(pend(done));
+    EXPECT_TRUE(waitUntil([fd] { return isIdle(fd); }));
+    EXPECT_FALSE(sockState(fd).in_list);
+    EXPECT_EQ(0, sockState(fd).set_time);
+    handler->RemoveSock(pair.server);
+}
+
 TEST(NetSockTimeout, RegisteringWithoutOneDropsAnEarlierOne) {
     const CPublicPool pool;
     CScopedHandler handler;

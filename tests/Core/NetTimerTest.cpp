@@ -55,38 +55,38 @@ std::int64_t firstCallAfterUs(std::int64_t period_us) {
     return called_us - start_us;
 }
 
-/// What arming a timer logs, and that it does not fire soon.
+/// Arms a timer while nobody serves any, and expects it to be due so much later.
+void expectDueAfter(std::int64_t period_us, std::int64_t after_us) {
+    const CPublicPool pool;
+    SHandler handler;
+    CNetTimer::stop();
+    const std::int64_t before_us = nowUs();
+    const long id = handler->SetTimer(period_us);
+    const auto due_us = static_cast<std::int64_t>(CNetTimer::firstDueUs());
+    EXPECT_LE(before_us + after_us, due_us) << period_us;
+    EXPECT_GE(nowUs() + after_us, due_us) << period_us;
+    handler->DestroyTimer(id);
+    EXPECT_EQ(0, CNetTimer::start());
+}
+
+/// What arming a timer logs, and that it is due after a day.
 void expectADay(std::int64_t period_us, int lines) {
     CLogCapture log;
-    const CPublicPool pool;
-    Plinth::CSemaphore witness_done;
-    std::atomic<int> calls{0};
-    SHandler handler;
-    SHandler witness;
-    handler->on_timeout = [&](long) { return ++calls; };
-    witness->on_timeout = [&](long) {
-        witness_done.post();
-        return -1;
-    };
-    const long id = handler->SetTimer(period_us);
-    witness->SetTimer(100'000);
-    EXPECT_TRUE(pend(witness_done));
-    EXPECT_EQ(0, calls.load());
-    EXPECT_EQ(1U, CNetTimer::armed());
+    expectDueAfter(period_us, 24 * HOUR_US - 2000);
     EXPECT_EQ(lines,
               log.count(Plinth::LOG_LEVEL_ERROR, "Set timer's value is too big,it will be reduce to 24h.\n"));
-    handler->DestroyTimer(id);
-    EXPECT_EQ(0U, CNetTimer::armed());
 }
 
 }  // namespace
 
 TEST(NetTimer, PeriodsBelowThreeMillisecondsAreRaised) {
-    for (const std::int64_t period_us : {0, 1000, 2999, 3000}) {
-        // Scheduled two milliseconds early, and taken along one more.
-        EXPECT_GE(firstCallAfterUs(period_us),
-                  CNetTimer::MIN_PERIOD_US - CNetTimer::EARLY_US - CNetTimer::AHEAD_US);
-    }
+    // Every timer is due two milliseconds early.
+    for (const std::int64_t period_us : {0, 1000, 2999, 3000}) expectDueAfter(period_us, 1000);
+    expectDueAfter(3001, 1001);
+}
+
+TEST(NetTimer, TheShortestTimerFires) {
+    for (const std::int64_t period_us : {0, 1000}) firstCallAfterUs(period_us);  // expects the call
 }
 
 TEST(NetTimer, FiresNoEarlierThanItsScheduleAllows) {
@@ -102,7 +102,31 @@ TEST(NetTimer, ANegativePeriodCountsAsTooBig) {
 }
 
 TEST(NetTimer, ADayItselfIsNotCut) {
-    expectADay(CNetTimer::MAX_PERIOD_US, 0);
+    expectADay(24 * HOUR_US, 0);
+}
+
+TEST(NetTimer, AMicrosecondMoreThanADayIsCut) {
+    expectADay(24 * HOUR_US + 1, 1);
+}
+
+TEST(NetTimer, ALongTimerDoesNotFireSoon) {
+    const CPublicPool pool;
+    Plinth::CSemaphore witness_done;
+    std::atomic<int> calls{0};
+    SHandler handler;
+    SHandler witness;
+    handler->on_timeout = [&](long) { return ++calls; };
+    witness->on_timeout = [&](long) {
+        witness_done.post();
+        return -1;
+    };
+    const long id = handler->SetTimer(24 * HOUR_US);
+    witness->SetTimer(100'000);
+    EXPECT_TRUE(pend(witness_done));
+    EXPECT_EQ(0, calls.load());
+    EXPECT_EQ(1U, CNetTimer::armed());
+    handler->DestroyTimer(id);
+    EXPECT_EQ(0U, CNetTimer::armed());
 }
 
 TEST(NetTimer, AResultOfZeroKeepsThePeriod) {

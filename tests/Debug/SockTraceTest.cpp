@@ -114,6 +114,20 @@ TEST_P(SockTrace, RegisteringChangingAndRemoving) {
                  "container:P"}}));
 }
 
+TEST_P(SockTrace, ANegativeTimeOutCountsAsNoneAndIsShownAsItIs) {
+    handler->RegisterSock(pair.near_end, EventMask::Read, -5'000'999);
+    handler->RegisterSock(pair.near_end, EventMask::Read, -999);
+    handler->RemoveSock(pair.near_end);
+    EXPECT_EQ(traced(),
+              wanted({{1, "CNetSock::RegisterSock " + OBJECT + ", socket:FD, mask:1, time_out:-5000"},
+                      {1, "CNetSock::register_new_event " + OBJECT + ", socket:FD, mask:1, time_out:-5000"},
+                      {1, "CNetSock::RegisterSock " + OBJECT + ", socket:FD, mask:1, time_out:0"},
+                      {0, "CNetSock::modify_exist_event " + OBJECT +
+                              ", socket:FD, mask:1, time_out:0, m_set_time:0, m_revents:0."},
+                      {0, "CNetSock::RemoveSock " + OBJECT + ", socket:FD."},
+                      {0, "Enter CNetSock::remove_sock obj_id:ID, socket:FD."}}));
+}
+
 TEST_P(SockTrace, ADispatch) {
     handler->on_input = [this](int) {
         char byte;

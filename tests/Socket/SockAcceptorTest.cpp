@@ -10,6 +10,7 @@
 
 #include "Support/LogCapture.h"
 #include "Support/ProcessSettings.h"
+#include "Support/RefusedCall.h"
 #include "Support/SocketPair.h"
 
 namespace Veltro::Ravelo {
@@ -268,6 +269,39 @@ TEST(SockAcceptor, OpenWithoutDescriptorsLeftFails) {
     TestSupport::setDescriptorLimit(1024);
     EXPECT_FALSE(acceptor.IsValid());
     EXPECT_EQ(1, log.count(2, "Open : socket failed, error:"));
+}
+
+/// What is left of an acceptor whose opening failed behind the creation of its socket, and one more line.
+void expectKeptSocket(CSockAcceptor& acceptor, CLogCapture& log, const std::string& line) {
+    ASSERT_TRUE(acceptor.IsValid());
+    const int error = SocketApi::invalidArgumentError();
+    EXPECT_EQ(1, log.count(2, "Open : " + line + " failed! fd[" + std::to_string(acceptor.GetHandle()) +
+                                  "], error:" + std::to_string(error) + ","));
+    EXPECT_EQ(1U, log.lines().size());
+}
+
+TEST(SockAcceptor, OpenWithoutReuseOfTheAddressFailsAndKeepsTheSocket) {
+    CSockAcceptor acceptor;
+    CLogCapture log;
+    {
+        const TestSupport::CRefusedCall refused(SOL_SOCKET, SO_REUSEADDR);
+        EXPECT_EQ(-1, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
+    }
+    expectKeptSocket(acceptor, log, "set reuseaddr");
+    EXPECT_EQ(0, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
+}
+
+TEST(SockAcceptor, OpenThatCannotListenFailsAndKeepsTheSocket) {
+    CSockAcceptor acceptor;
+    CLogCapture log;
+    {
+        const TestSupport::CRefusedCall refused(TestSupport::CRefusedCall::ECall::Listen);
+        EXPECT_EQ(-1, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
+    }
+    expectKeptSocket(acceptor, log, "listen");
+    CSockAddrIPv4 bound;
+    EXPECT_EQ(0, acceptor.GetLocalAddr(&bound));
+    EXPECT_NE(0, bound.GetPort()) << "it was bound before";
 }
 
 TEST(SockAcceptor, ConnectionsWaitUntilTheyAreAccepted) {

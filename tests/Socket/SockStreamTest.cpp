@@ -3,6 +3,7 @@
 #include <Ravelo/SockStream.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,9 +32,32 @@ TEST(SockStream, ANewStreamHasItsTypeAndNoSocket) {
 }
 
 TEST(SockStream, ConnectReturnsBeforeTheConnectionIsEstablished) {
-    SListener listener;
-    CSockStream stream;
-    EXPECT_EQ(0, stream.Connect(listener.address));
+    // Where nobody accepts, connections are established until the queue is full; the next one waits.
+    CSockAcceptor acceptor;
+    CSockAddrIPv4 address("127.0.0.1", 0);
+    sockaddr_in system{};
+    address.GetAddr(reinterpret_cast<sockaddr*>(&system));
+    ASSERT_EQ(0, acceptor.Attach(SocketApi::create(AF_INET, SOCK_STREAM, 0)));
+    ASSERT_EQ(0, SocketApi::bind(acceptor.GetHandle(), reinterpret_cast<sockaddr*>(&system), sizeof system));
+    ASSERT_EQ(0, SocketApi::listen(acceptor.GetHandle(), 0));
+    ASSERT_EQ(0, acceptor.GetLocalAddr(&address));
+    std::vector<std::unique_ptr<CSockStream>> streams;
+    unsigned ready = 1;
+    while (ready != 0 && streams.size() < 20) {
+        streams.push_back(std::make_unique<CSockStream>());
+        ASSERT_EQ(0, streams.back()->Connect(address));
+        SocketApi::waitOne(streams.back()->GetHandle(), SocketApi::WAIT_WRITE | SocketApi::WAIT_EXCEPT,
+                           200'000, &ready);
+    }
+    ASSERT_EQ(0U, ready) << "this one is under way";
+    CSockStream& stream = *streams.back();
+    EXPECT_EQ(0, stream.GetConnectStatus()) << "it has not failed";
+    {
+        const CLogCapture unheard;
+        EXPECT_EQ(-1, stream.GetRemoteAddr(&address)) << "nor is it connected";
+    }
+    std::vector<std::unique_ptr<CSockStream>> accepted;
+    for (std::size_t i = 1; i < streams.size(); ++i) accepted.emplace_back(acceptor.Accept());
     waitConnect(stream);
     EXPECT_EQ(0, stream.GetConnectStatus());
 }

@@ -8,6 +8,7 @@
 
 #include "Support/LogCapture.h"
 #include "Support/ProcessSettings.h"
+#include "Support/ScriptedSend.h"
 #include "Support/SocketPair.h"
 
 namespace Veltro::Ravelo {
@@ -59,6 +60,10 @@ TEST(SockStreamWait, SendNWithTimeOutZeroIsOneSend) {
     EXPECT_EQ(5, pair.client.Send_n("hello", 5, 0));
     TestSupport::fill(pair.client);
     EXPECT_EQ(0, pair.client.Send_n("x", 1, 0));
+    TestSupport::CScriptedSend script(pair.server.GetHandle());
+    script.setRoom(3);
+    EXPECT_EQ(3, pair.server.Send_n("hello", 5, 0));
+    EXPECT_EQ(1, script.sends());
 }
 
 TEST(SockStreamWait, SendNWithANegativeTimeOutDoesNotWait) {
