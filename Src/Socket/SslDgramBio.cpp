@@ -34,7 +34,9 @@ constexpr int MOST_BYTES = 1500;
 /// What OpenSSL forgets when it fills a datagram: nonce and tag of an encrypted record.
 constexpr int SEAL_BYTES = 24;
 
-constexpr std::int64_t HOUR_US = INT64_C(3'600'000'000);
+/// How long one wait for a first peer takes. Under wine a select() that has begun to wait is not told of what
+/// comes to a socket whose last peer's port was closed once, but the next one is.
+constexpr std::int64_t ONE_WAIT_US = 500'000;
 
 SState& stateOf(const BIO* bio) {
     // The getter asks for what it does not change.
@@ -89,7 +91,7 @@ EWait waitInTime(const SState& state) {
     while (state.timer != nullptr) {
         timeval left{};
         const bool has_timer = DTLSv1_get_timeout(state.timer, &left) == 1;
-        std::int64_t left_us = state.peer_length != 0 ? state.silence_us : HOUR_US;
+        std::int64_t left_us = state.peer_length != 0 ? state.silence_us : ONE_WAIT_US;
         if (has_timer) left_us = std::int64_t{left.tv_sec} * 1'000'000 + left.tv_usec;
         if (left_us <= 0) return EWait::REPEAT;
         unsigned ready = 0;
