@@ -83,6 +83,9 @@ void deliver(int level, const char* file, const char* function, int line, const 
     const auto entry = t_in_sink ? nullptr : enterSink();
     if (!entry || !callSink(*entry, level, textOrEmpty(file), textOrEmpty(function), line, message)) {
         std::fputs(message, stderr);
+        // On Windows a standard error that is no terminal is buffered; a crash would take the last lines
+        // along.
+        std::fflush(stderr);
     }
 }
 

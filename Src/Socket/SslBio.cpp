@@ -2,10 +2,10 @@
 
 #include <Plinth/Time.h>
 
-#include <atomic>
 #include <memory>
 #include <new>
 
+#include "Socket/BioKind.h"
 #include "Socket/SocketApi.h"
 
 namespace Veltro::Ravelo::SslBio {
@@ -20,8 +20,7 @@ struct SState {
 };
 
 SState& stateOf(const BIO* bio) {
-    // The getter asks for what it does not change.
-    return *static_cast<SState*>(BIO_get_data(const_cast<BIO*>(bio)));
+    return bioState<SState>(bio);
 }
 
 /// With a deadline, waits for the socket until then; false, with an error, when it has passed.
@@ -85,47 +84,12 @@ long control(BIO* bio, int command, long, void* pointer) {
     }
 }
 
-int destroy(BIO* bio) {
-    delete static_cast<SState*>(BIO_get_data(bio));
-    BIO_set_data(bio, nullptr);
-    return 1;
-}
-
-using TMethod = std::unique_ptr<BIO_METHOD, SFreeBy<BIO_meth_free>>;
-
-TMethod makeMethod() {
-    // The kind lets SSL_get_fd() find it.
-    TMethod method(BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR, "stream"));
-    if (method == nullptr || BIO_meth_set_write(method.get(), write) != 1 ||
-        BIO_meth_set_read(method.get(), read) != 1 || BIO_meth_set_ctrl(method.get(), control) != 1 ||
-        BIO_meth_set_destroy(method.get(), destroy) != 1) {
-        return nullptr;
-    }
-    return method;
-}
-
-/// Made once, at the first use for which there is memory; lives as long as the process.
-const BIO_METHOD* sharedMethod() {
-    static std::atomic<BIO_METHOD*> s_method{nullptr};
-    BIO_METHOD* method = s_method.load(std::memory_order_acquire);
-    if (method != nullptr) return method;
-    TMethod made = makeMethod();
-    if (made == nullptr) return nullptr;
-    // Another thread may have been first.
-    if (!s_method.compare_exchange_strong(method, made.get(), std::memory_order_acq_rel)) return method;
-    return made.release();
-}
+SBioKind s_kind{"stream", write, read, control, destroyBioState<SState>};
 
 }  // namespace
 
 BIO* create(int fd) {
-    const BIO_METHOD* method = sharedMethod();
-    TBio bio(method != nullptr ? BIO_new(method) : nullptr);
-    if (bio == nullptr) return nullptr;
-    BIO_set_data(bio.get(), new (std::nothrow) SState{fd});
-    if (BIO_get_data(bio.get()) == nullptr) return nullptr;
-    BIO_set_init(bio.get(), 1);
-    return bio.release();
+    return createBio(&s_kind, std::unique_ptr<SState>(new (std::nothrow) SState{fd}));
 }
 
 void prepare(BIO* bio, int fd) {

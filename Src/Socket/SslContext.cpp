@@ -142,6 +142,7 @@ void printErrors() {
         ERR_error_string_n(error, text, sizeof(text));
         std::fprintf(stderr, "%s:%s:%d:%s\n", text, file, line, (flags & ERR_TXT_STRING) != 0 ? data : "");
     }
+    std::fflush(stderr);  // buffered on Windows where it is no terminal
     ERR_clear_error();
 }
 

@@ -1,12 +1,12 @@
 #include "Socket/SslDgramBio.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
 
+#include "Socket/BioKind.h"
 #include "Socket/SockAddrSystem.h"
 
 namespace Veltro::Ravelo::SslDgramBio {
@@ -34,11 +34,12 @@ constexpr int MOST_BYTES = 1500;
 /// What OpenSSL forgets when it fills a datagram: nonce and tag of an encrypted record.
 constexpr int SEAL_BYTES = 24;
 
-constexpr std::int64_t HOUR_US = INT64_C(3'600'000'000);
+/// How long one wait for a first peer takes. Under wine a select() that has begun to wait is not told of what
+/// comes to a socket whose last peer's port was closed once, but the next one is.
+constexpr std::int64_t ONE_WAIT_US = 500'000;
 
 SState& stateOf(const BIO* bio) {
-    // The getter asks for what it does not change.
-    return *static_cast<SState*>(BIO_get_data(const_cast<BIO*>(bio)));
+    return bioState<SState>(bio);
 }
 
 /// What the headers of IP and UDP take of a datagram.
@@ -89,7 +90,7 @@ EWait waitInTime(const SState& state) {
     while (state.timer != nullptr) {
         timeval left{};
         const bool has_timer = DTLSv1_get_timeout(state.timer, &left) == 1;
-        std::int64_t left_us = state.peer_length != 0 ? state.silence_us : HOUR_US;
+        std::int64_t left_us = state.peer_length != 0 ? state.silence_us : ONE_WAIT_US;
         if (has_timer) left_us = std::int64_t{left.tv_sec} * 1'000'000 + left.tv_usec;
         if (left_us <= 0) return EWait::REPEAT;
         unsigned ready = 0;
@@ -168,53 +169,18 @@ long control(BIO* bio, int command, long, void* pointer) {
     }
 }
 
-int destroy(BIO* bio) {
-    delete static_cast<SState*>(BIO_get_data(bio));
-    BIO_set_data(bio, nullptr);
-    return 1;
-}
-
-using TMethod = std::unique_ptr<BIO_METHOD, SFreeBy<BIO_meth_free>>;
-
-TMethod makeMethod() {
-    // The kind lets SSL_get_fd() find it.
-    TMethod method(
-        BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR, "datagrams"));
-    if (method == nullptr || BIO_meth_set_write(method.get(), write) != 1 ||
-        BIO_meth_set_read(method.get(), read) != 1 || BIO_meth_set_ctrl(method.get(), control) != 1 ||
-        BIO_meth_set_destroy(method.get(), destroy) != 1) {
-        return nullptr;
-    }
-    return method;
-}
-
-/// Made once, at the first use for which there is memory; lives as long as the process.
-const BIO_METHOD* sharedMethod() {
-    static std::atomic<BIO_METHOD*> s_method{nullptr};
-    BIO_METHOD* method = s_method.load(std::memory_order_acquire);
-    if (method != nullptr) return method;
-    TMethod made = makeMethod();
-    if (made == nullptr) return nullptr;
-    // Another thread may have been first.
-    if (!s_method.compare_exchange_strong(method, made.get(), std::memory_order_acq_rel)) return method;
-    return made.release();
-}
+SBioKind s_kind{"datagrams", write, read, control, destroyBioState<SState>};
 
 }  // namespace
 
 BIO* create(int fd, int family, const sockaddr_in6& peer, int peer_length) {
-    const BIO_METHOD* method = sharedMethod();
-    TBio bio(method != nullptr ? BIO_new(method) : nullptr);
-    if (bio == nullptr) return nullptr;
     sockaddr_in6 connected{};
     int length = SYSTEM_ADDRESS_BYTES;
     // A destination that looks like a broadcast address is not connected.
     const bool is_connected =
         peer_length != 0 && SocketApi::getPeerName(fd, reinterpret_cast<sockaddr*>(&connected), &length) == 0;
-    BIO_set_data(bio.get(), new (std::nothrow) SState{fd, family, peer, peer_length, is_connected});
-    if (BIO_get_data(bio.get()) == nullptr) return nullptr;
-    BIO_set_init(bio.get(), 1);
-    return bio.release();
+    return createBio(&s_kind, std::unique_ptr<SState>(
+                                  new (std::nothrow) SState{fd, family, peer, peer_length, is_connected}));
 }
 
 void followTimer(BIO* bio, SSL* ssl, std::int64_t silence_us) {

@@ -120,9 +120,6 @@ def ClientOfOpensslShowsItsCertificate(options):
 
 
 def ClientOfOpensslWithoutACertificateIsRefused(options):
-    if options.emulator:
-        print("skipped: under wine the server does not hear of it; not understood yet")
-        sys.exit(77)
     with our_server(options, certificate(options, "root_ca")) as server:
         with their_client(options, server.port):
             server.hear("peer did not return a certificate")

@@ -172,7 +172,6 @@ std::vector<std::string> withGarbage(const std::string& datagram, std::mt19937* 
 }
 
 TEST(SslDgramLoss, GarbageOfThePeersAddressCostsNothing) {
-    if (TestSupport::isWindows()) GTEST_SKIP() << "handshakes fail in it under wine; not understood yet";
     const CQuickDtls quick;
     for (unsigned seed = 0; seed < 10; ++seed) {
         auto random = std::make_shared<std::mt19937>(seed);
@@ -238,9 +237,8 @@ TEST(SslDgramLoss, AnotherClientsHelloDoesNotDisturbTheFirstOnes) {
 }
 
 TEST(SslDgramLoss, AServerOfOneRemoteHearsNobodyElse) {
-    if (TestSupport::isWindows())
-        GTEST_SKIP() << "under wine the server hears nothing from its remote either; not understood yet";
-    const CQuickDtls quick;
+    // The stranger gives up before the server does: where a closed port is not reported, he repeats himself.
+    const CQuickDtls quick(20'000, 20'000'000);
     SDtlsServer server;
     TestSupport::SReceiver only;
     CSslDgram stranger;

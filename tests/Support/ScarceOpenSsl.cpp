@@ -46,7 +46,7 @@ struct SInstallation {
 
 namespace Veltro::TestSupport {
 
-CScarceOpenSsl::CScarceOpenSsl(int allocations_left) {
+CScarceOpenSsl::CScarceOpenSsl(int allocations_left) : m_allocations(allocations_left) {
     EXPECT_TRUE(s_installation.succeeded);
     t_failed = false;
     t_left = allocations_left;
@@ -58,6 +58,10 @@ CScarceOpenSsl::~CScarceOpenSsl() {
 
 bool CScarceOpenSsl::hasFailed() const {
     return t_failed;
+}
+
+int CScarceOpenSsl::made() const {
+    return m_allocations - t_left;
 }
 
 }  // namespace Veltro::TestSupport

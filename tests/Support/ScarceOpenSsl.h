@@ -14,6 +14,11 @@ public:
 
     /// Whether an allocation has failed so far.
     bool hasFailed() const;
+    /// How many have succeeded so far.
+    int made() const;
+
+private:
+    const int m_allocations;
 };
 
 }  // namespace Veltro::TestSupport
