@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "Core/HandlerHold.h"
 #include "Log.h"
 #include "R3/R3Trace.h"
 #include "Tool/SockWrite.h"
@@ -18,25 +19,6 @@ namespace {
 std::uint64_t nowUs() {
     return Plinth::CTime::getCurrentMicroSecond();
 }
-
-/// Holds a reference to a sender's owner until the sender has been unlocked: the last one may go while the
-/// registry is called, and the owner's handle_close() may want the sender.
-class COwnerHold {
-public:
-    COwnerHold() = default;
-    ~COwnerHold() {
-        if (m_owner != nullptr) m_owner->DecRef();
-    }
-    COwnerHold(const COwnerHold&) = delete;
-    COwnerHold& operator=(const COwnerHold&) = delete;
-    void take(CNetHandler* owner) {
-        m_owner = owner;
-        if (owner != nullptr) owner->AddRef();
-    }
-
-private:
-    CNetHandler* m_owner = nullptr;
-};
 
 }  // namespace
 
@@ -158,7 +140,9 @@ int CStreamSender::Attach(CNetHandler* owner, CSock* stream) {
 }
 
 CSock* CStreamSender::Detach() {
-    COwnerHold hold;
+    // The owner's last reference may go while the registry is called, and its handle_close() may want the
+    // sender.
+    CHandlerHold hold;
     Plinth::CLockGuard guard(m_internal->mutex);
     if (m_internal->m_stream == nullptr) return nullptr;
     m_internal->m_fd = -1;
@@ -168,7 +152,7 @@ CSock* CStreamSender::Detach() {
 }
 
 int CStreamSender::Put(const char* buf, unsigned int len) {
-    COwnerHold hold;
+    CHandlerHold hold;
     Plinth::CLockGuard guard(m_internal->mutex);
     const std::uint32_t BUF_SIZE = m_internal->m_buffer.capacity();
     CSock* const m_stream = m_internal->m_stream;

@@ -53,8 +53,10 @@ public:
         const std::int64_t ended_us = sum >> 1;
         if (!isStalled(sum)) return {static_cast<std::uint64_t>(ended_us), 0};
         const std::uint64_t since_us = m_since;
-        const std::int64_t all_us = ended_us + static_cast<std::int64_t>(now_us > since_us ? now_us : since_us);
-        return {static_cast<std::uint64_t>(all_us > 0 ? all_us : 0), now_us > since_us ? now_us - since_us : 0};
+        const std::int64_t all_us =
+            ended_us + static_cast<std::int64_t>(now_us > since_us ? now_us : since_us);
+        return {static_cast<std::uint64_t>(all_us > 0 ? all_us : 0),
+                now_us > since_us ? now_us - since_us : 0};
     }
 
 private:

@@ -36,14 +36,10 @@ TLiveList<SMediaBufferRecord>& SMediaBufferRecord::living() {
 SStreamSenderRecord::SFigures SStreamSenderRecord::figures() const PLINTH_NO_THREAD_SAFETY_ANALYSIS {
     const std::uint64_t sent = m_bytes_sent;
     const std::uint64_t cleared = m_bytes_cleared;
-    return {m_id,
-            m_fd,
-            m_puts,
-            m_refused_puts,
-            sent,
-            rest(m_bytes_taken, sent + cleared),
-            cleared,
-            m_stall.times(Plinth::CTime::getCurrentMicroSecond())};
+    return {m_id,    m_fd,
+            m_puts,  m_refused_puts,
+            sent,    rest(m_bytes_taken, sent + cleared),
+            cleared, m_stall.times(Plinth::CTime::getCurrentMicroSecond())};
 }
 
 void SStreamSenderRecord::SFigures::add(const SFigures& other) {
@@ -72,8 +68,8 @@ void SMediaStreamSenderRecord::SFigures::add(const SFigures& other) {
 }
 
 SMediaBufferRecord::SFigures SMediaBufferRecord::figures() const PLINTH_NO_THREAD_SAFETY_ANALYSIS {
-    // When the stream begins anew, its end is set first: whoever has seen the old number of removed bytes finds
-    // less than nothing, not the whole stream.
+    // When the stream begins anew, its end is set first: whoever has seen the old number of removed bytes
+    // finds less than nothing, not the whole stream.
     const std::uint64_t removed = m_byte_discard;
     return {&m_owner,
             m_sender_num,
