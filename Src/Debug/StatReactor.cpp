@@ -64,11 +64,11 @@ SStatTable pools() {
                      {}};
     SWorkers by_pool = workers();
     forEachPool([&](CThreadPool& pool) {
-        table.rows.push_back({{{"number", std::to_string(pool.number())}},
-                              {pool.threadCount(), static_cast<std::int64_t>(pool.queue().size()),
-                               static_cast<std::int64_t>(pool.lastWaitUs()),
-                               static_cast<std::int64_t>(pool.longestWaitUs()), sizeOf(pool.objects()),
-                               sizeOf(pool.sockets()), by_pool.callbacks[pool.number()]}});
+        table.rows.push_back(
+            {{{"number", std::to_string(pool.number())}},
+             {pool.threadCount(), static_cast<std::int64_t>(pool.queue().size()),
+              static_cast<std::int64_t>(pool.lastWaitUs()), static_cast<std::int64_t>(pool.longestWaitUs()),
+              sizeOf(pool.objects()), sizeOf(pool.sockets()), by_pool.callbacks[pool.number()]}});
     });
     return table;
 }
@@ -80,9 +80,9 @@ SStatTable threads() {
                      {}};
     for (const auto& [thread_id, module] : workers().modules) {
         const std::string name = Plinth::CThreadManager::getThreadNameByID(thread_id);
-        table.rows.push_back({{{"id", std::to_string(thread_id)}, {"name", name}},
-                              {module.handler != nullptr ? 1 : 0,
-                               static_cast<std::int64_t>(module.callbacks)}});
+        table.rows.push_back(
+            {{{"id", std::to_string(thread_id)}, {"name", name}},
+             {module.handler != nullptr ? 1 : 0, static_cast<std::int64_t>(module.callbacks)}});
     }
     return table;
 }
@@ -104,9 +104,10 @@ SStatTable handlers() {
             return true;
         });
     });
-    SStatTable table{"handler",
-                     {{"count", "Handlers of the class"}, {"sockets", "Sockets registered by handlers of the class"}},
-                     {}};
+    SStatTable table{
+        "handler",
+        {{"count", "Handlers of the class"}, {"sockets", "Sockets registered by handlers of the class"}},
+        {}};
     for (const auto& [type, count] : classes) {
         table.rows.push_back({{{"class", type}}, {count.handlers, count.sockets}});
     }
@@ -167,16 +168,17 @@ SStatTable memory() {
 }
 
 SStatTable times() {
-    SStatTable table{"time",
-                     {{"callbacks", "Callbacks of the class's handlers since times are taken", COUNTER},
-                      {"longest_us", "How long the longest callback of the class took"},
-                      {"p99_us", "What 99 of 100 callbacks of the class took at most, up to an eighth too much"}},
-                     {}};
+    SStatTable table{
+        "time",
+        {{"callbacks", "Callbacks of the class's handlers since times are taken", COUNTER},
+         {"longest_us", "How long the longest callback of the class took"},
+         {"p99_us", "What 99 of 100 callbacks of the class took at most, up to an eighth too much"}},
+        {}};
     for (const CallbackTimes::STimes& one : CallbackTimes::list()) {
-        table.rows.push_back({{{"class", one.type}},
-                              {static_cast<std::int64_t>(one.callbacks),
-                               static_cast<std::int64_t>(one.longest_us),
-                               static_cast<std::int64_t>(one.p99_us)}});
+        table.rows.push_back(
+            {{{"class", one.type}},
+             {static_cast<std::int64_t>(one.callbacks), static_cast<std::int64_t>(one.longest_us),
+              static_cast<std::int64_t>(one.p99_us)}});
     }
     return table;
 }

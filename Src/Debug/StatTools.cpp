@@ -34,8 +34,8 @@ std::int64_t sumOf(const std::vector<Figures>& living, Member member) {
     return number(sum);
 }
 
-/// A sum of times that never runs backwards: who ends a stall has looked at the clock a moment before the stall
-/// is seen to end.
+/// A sum of times that never runs backwards: who ends a stall has looked at the clock a moment before the
+/// stall is seen to end.
 std::int64_t notLess(std::uint64_t sum_us, std::atomic<std::uint64_t>& last_us) {
     std::uint64_t last = last_us;
     while (last < sum_us && !last_us.compare_exchange_weak(last, sum_us)) {
@@ -62,7 +62,8 @@ void addRows(SStatTable table, std::vector<Figures>& living, std::size_t at_most
              Rank rank, Row row, std::vector<SStatTable>& tables) {
     if (at_most == 0) return;
     const std::size_t all = living.size();
-    if (at_most == FEW) std::erase_if(living, [&](const Figures& one) { return rank(one) == decltype(rank(one)){}; });
+    if (at_most == FEW)
+        std::erase_if(living, [&](const Figures& one) { return rank(one) == decltype(rank(one)){}; });
     const auto shown = static_cast<std::ptrdiff_t>(std::min(at_most, living.size()));
     std::partial_sort(living.begin(), living.begin() + shown, living.end(),
                       [&rank](const Figures& a, const Figures& b) { return rank(a) > rank(b); });
@@ -109,7 +110,12 @@ void addStreamSenders(std::vector<SStatTable>& tables, std::size_t at_most) {
                          notLess(all.stall.all_us, s_stream_stalled_us)}}}});
     addRows<SStream>(
         {"stream_sender",
-         {{"puts", ""}, {"refused", ""}, {"bytes_sent", ""}, {"queued", ""}, {"stalled_us", ""}, {"now_us", ""}},
+         {{"puts", ""},
+          {"refused", ""},
+          {"bytes_sent", ""},
+          {"queued", ""},
+          {"stalled_us", ""},
+          {"now_us", ""}},
          {}},
         living, at_most, "longest stall first",
         [](const SStream& one) { return std::tuple(one.stall.now_us, one.stall.all_us); },
@@ -144,7 +150,12 @@ void addMediaSenders(std::vector<SStatTable>& tables, std::size_t at_most) {
             number(sum.skipped_channel), notLess(sum.stalled_us, s_media_stalled_us)}}}});
     addRows<SMedia>(
         {"media_sender",
-         {{"frames", ""}, {"bytes", ""}, {"late", ""}, {"to_key", ""}, {"channel", ""}, {"stalled_us", ""},
+         {{"frames", ""},
+          {"bytes", ""},
+          {"late", ""},
+          {"to_key", ""},
+          {"channel", ""},
+          {"stalled_us", ""},
           {"now_us", ""}},
          {}},
         living, at_most, "longest stall first",
@@ -191,10 +202,16 @@ void addBuffers(std::vector<SStatTable>& tables, std::size_t at_most) {
             number(sum.discarded), number(sum.discarded_bytes), number(sum.dropped)}}}});
     addRows<SBuffer>(
         {"media_buffer",
-         {{"senders", ""}, {"frames", ""}, {"valid", ""}, {"bytes", ""}, {"put", ""}, {"discarded", ""},
+         {{"senders", ""},
+          {"frames", ""},
+          {"valid", ""},
+          {"bytes", ""},
+          {"put", ""},
+          {"discarded", ""},
           {"dropped", ""}},
          {}},
-        living, at_most, "most bytes first", [](const SBuffer& one) { return std::tuple(one.counters.bytes); },
+        living, at_most, "most bytes first",
+        [](const SBuffer& one) { return std::tuple(one.counters.bytes); },
         [](const SBuffer& one) -> SStatRow {
             const CMediaBuffer::SCounters& its = one.counters;
             return {{{"buffer", addressOf(one.buffer)}},

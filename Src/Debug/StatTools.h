@@ -13,8 +13,8 @@ constexpr std::size_t FEW = 5;
 /// How many are shown at most.
 constexpr std::size_t MANY = 10'000;
 
-// Each adds two tables for a kind of tool: one row of what all have done, those included that have gone, and a
-// row for each of the first ones. Nothing that sends waits meanwhile. Any thread; may throw std::bad_alloc.
+// Each adds two tables for a kind of tool: one row of what all have done, those included that have gone, and
+// a row for each of the first ones. Nothing that sends waits meanwhile. Any thread; may throw std::bad_alloc.
 // @param at_most how many rows the second table has at most; 0 leaves it out.
 
 /// Stream senders and media senders: first who has stalled longest at present, then who has stalled most.

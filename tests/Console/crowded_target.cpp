@@ -1,6 +1,6 @@
-// A process with a console and a crowd of senders, some of which stall, to be looked at by run_console.py: 2,000
-// media senders on one media buffer, every hundredth of them stalled, and 40 stream senders, every tenth stalled.
-// Enter, or the end of its input, ends it.
+// A process with a console and a crowd of senders, some of which stall, to be looked at by run_console.py:
+// 2,000 media senders on one media buffer, every hundredth of them stalled, and 40 stream senders, every
+// tenth stalled. Enter, or the end of its input, ends it.
 //
 //     crowded_target PATH
 #include <Plinth/Console.h>

@@ -47,14 +47,15 @@ TEST(StatTable, MetricsSayWhatOnlyGrowsAndCountTimesInSeconds) {
                                {"puts", "Blocks", EStatKind::Counter},
                                {"longest_us", "The longest"}},
                               {{{}, {7, 12'000'345, 5, 999'999}}}};
-    EXPECT_EQ(statLines({table}, EStatForm::Metrics),
-              (Lines{"# HELP ravelo_senders Senders.", "# TYPE ravelo_senders gauge", "ravelo_senders 7",
-                     "# HELP ravelo_sender_stalled_seconds_total How long.",
-                     "# TYPE ravelo_sender_stalled_seconds_total counter",
-                     "ravelo_sender_stalled_seconds_total 12.000345", "# HELP ravelo_sender_puts_total Blocks.",
-                     "# TYPE ravelo_sender_puts_total counter", "ravelo_sender_puts_total 5",
-                     "# HELP ravelo_sender_longest_seconds The longest.",
-                     "# TYPE ravelo_sender_longest_seconds gauge", "ravelo_sender_longest_seconds 0.999999"}));
+    EXPECT_EQ(
+        statLines({table}, EStatForm::Metrics),
+        (Lines{"# HELP ravelo_senders Senders.", "# TYPE ravelo_senders gauge", "ravelo_senders 7",
+               "# HELP ravelo_sender_stalled_seconds_total How long.",
+               "# TYPE ravelo_sender_stalled_seconds_total counter",
+               "ravelo_sender_stalled_seconds_total 12.000345", "# HELP ravelo_sender_puts_total Blocks.",
+               "# TYPE ravelo_sender_puts_total counter", "ravelo_sender_puts_total 5",
+               "# HELP ravelo_sender_longest_seconds The longest.",
+               "# TYPE ravelo_sender_longest_seconds gauge", "ravelo_sender_longest_seconds 0.999999"}));
 }
 
 TEST(StatTable, EscapesWhatEndsAText) {
@@ -94,14 +95,11 @@ TEST(StatTable, ColumnsHaveATitleAndRoundedNumbers) {
                               "sender: 6 of 6"};
     EXPECT_EQ(statLines({table}, EStatForm::Text),
               (Lines{"sender: 6 of 6",  //
-                     "     id  bytes     now",
-                     "    -16  99999       0",
-                     "  -1600   100k   999us",
-                     "     -3  12.3M  1.00ms",
-                     "     -4   999k   61.0s",
-                     "     -5  1.00M   2.00h",
+                     "     id  bytes     now", "    -16  99999       0", "  -1600   100k   999us",
+                     "     -3  12.3M  1.00ms", "     -4   999k   61.0s", "     -5  1.00M   2.00h",
                      "     -6  9.22E    100d"}));
-    EXPECT_EQ(statLines({{"sender", {{"bytes", ""}}, {}, EStatLayout::Columns, "none"}}, EStatForm::Text), Lines{});
+    EXPECT_EQ(statLines({{"sender", {{"bytes", ""}}, {}, EStatLayout::Columns, "none"}}, EStatForm::Text),
+              Lines{});
 }
 
 }  // namespace

@@ -150,9 +150,8 @@ TEST(StatTools, SendersMayComeAndGoWhileAnOperatorLooks) {
     }
     one.join();
     two.join();
-    EXPECT_TRUE(waitUntil([&] {
-        return figuresOf(tableOf(senders(), "stream_senders"))["gone"] == gone_before + 2 * ROUNDS;
-    }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return figuresOf(tableOf(senders(), "stream_senders"))["gone"] == gone_before + 2 * ROUNDS; }));
     EXPECT_TRUE(waitUntil([] { return tableOf(senders(), "media_sender").rows.empty(); }));
     EXPECT_TRUE(tableOf(buffers(), "media_buffer").rows.empty());
 }
