@@ -4,8 +4,8 @@
 
 namespace Veltro::Ravelo {
 
-/// A reference to a handler, taken while a lock is held that the handler's end may want, and given back behind
-/// it: declare it in front of the lock's guard.
+/// A reference to a handler, taken while a lock is held that the handler's end may want, and given back
+/// behind it: declare it in front of the lock's guard.
 class CHandlerHold {
 public:
     CHandlerHold() = default;

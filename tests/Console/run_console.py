@@ -326,6 +326,29 @@ def TheWorstOfACrowdAreSeen(options):
         assert after["ravelo_media_senders_frames_sent_total", None] > 2000
 
 
+def ACrowdThatNeverReadsDisturbsNobody(options):
+    if options.emulator:
+        skip("there is no Unix socket on this platform")
+    with Target(options, name="crowded_target") as target, contextlib.ExitStack() as crowd:
+        def frames_put():
+            return json.loads(target.run("-c", "stat buffers -json")[1])["media_buffers"][0]["frames_put"]
+        for _ in range(99):
+            silent = crowd.enter_context(socket.socket(socket.AF_UNIX))
+            silent.connect(os.path.join(target.folder.name, target.path))
+            silent.sendall(b"stat senders\nstat senders -json\nstat\n" + b"x" * 5000)
+        before = frames_put()
+        for _ in range(PATIENCE):
+            time.sleep(0.2)
+            if frames_put() > before + 5:
+                break
+        else:
+            raise AssertionError("the reactor waits for operators")
+        with open(f"/proc/{target.process.pid}/status", encoding="ascii") as status:
+            resident = next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
+        print(f"{resident} KiB resident")
+        assert resident < 500_000, "what nobody reads is hoarded"
+
+
 class Screen:
     """A terminal of 80 columns that tmux keeps."""
 

@@ -245,7 +245,7 @@ TEST(R3SessionReactor, AnOwnerMayEndWhileOthersPrint) {
         R3Server::setDaemon(daemon);
         EXPECT_TRUE(waitReadable(pair.server));
         handler->Close();
-        EXPECT_TRUE(waitUntil([&session, i] { return session->output("") == 0 && livingSenders() == 0; })) << i;
+        EXPECT_TRUE(waitUntil([&session] { return session->output("") == 0 && livingSenders() == 0; })) << i;
     }
     over = true;
     one.join();
