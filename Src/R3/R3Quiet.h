@@ -6,15 +6,12 @@ namespace Veltro::Ravelo {
 /// While it lives, what its thread prints to the remote operator is dropped. May be nested.
 class CR3Quiet {
 public:
-    CR3Quiet() { ++t_depth; }
-    ~CR3Quiet() { --t_depth; }
+    CR3Quiet();
+    ~CR3Quiet();
     CR3Quiet(const CR3Quiet&) = delete;
     CR3Quiet& operator=(const CR3Quiet&) = delete;
 
-    static bool isOn() { return t_depth > 0; }
-
-private:
-    inline static thread_local int t_depth = 0;
+    static bool isOn();
 };
 
 }  // namespace Veltro::Ravelo

@@ -22,6 +22,8 @@ namespace Veltro::Ravelo {
 /// const`, which reads without a lock and does not throw.
 template <typename T>
 class TLiveList {
+    struct SPart;
+
 public:
     using SFigures = typename T::SFigures;
     static constexpr std::size_t PARTS = 64;
@@ -44,7 +46,7 @@ public:
 
     private:
         friend class TLiveList;
-        typename TLiveList::SPart* m_part = nullptr;
+        SPart* m_part = nullptr;
         const T* m_object = nullptr;
         CEntry* m_previous = nullptr;
         CEntry* m_next = nullptr;
@@ -106,7 +108,7 @@ private:
     };
 
     std::atomic<std::size_t> m_entered{0};
-    std::array<SPart, PARTS> m_parts;
+    std::array<SPart, PARTS> m_parts{};
 };
 
 }  // namespace Veltro::Ravelo
