@@ -32,6 +32,14 @@ public:
         }
         return false;
     }
+    /// Takes a reference if there is one already: the handler is not being closed.
+    bool addIfHeld() {
+        std::int64_t word = m_word.load(std::memory_order_relaxed);
+        while (count(word) > 0) {
+            if (m_word.compare_exchange_weak(word, word + 1)) return true;
+        }
+        return false;
+    }
     void bind() { m_word.fetch_or(BOUND); }
     void unbind() { m_word.fetch_and(~BOUND); }
     std::int64_t count() const { return count(m_word.load()); }

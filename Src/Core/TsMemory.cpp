@@ -34,6 +34,41 @@ struct SThreadSlot {
     mem_head* cache;
     int key;  ///< the key under which the cache was stored
 };
+/// A thread's cache, in the list of all of them.
+struct SThreadCache {
+    mem_head heads[MEM_HEAD_COUNT];
+    SThreadCache* next;
+};
+/// Guards the list of caches; a leaf.
+Plinth::CMutex s_caches_mutex;
+SThreadCache* s_caches PLINTH_GUARDED_BY(s_caches_mutex) = nullptr;
+
+/// Blocks that came from the heap and have not gone back, and their bytes. In several places, so that threads
+/// which use the heap do not meet; a block may come in one and go in another.
+struct alignas(64) SHeapUse {
+    std::atomic<std::int64_t> blocks{0};
+    std::atomic<std::int64_t> bytes{0};
+};
+constexpr unsigned HEAP_USE_COUNT = 16;
+SHeapUse s_heap_use[HEAP_USE_COUNT];
+std::atomic<unsigned> s_next_heap_use{0};
+/// Trivial on purpose, too: 0 until it has been chosen.
+thread_local unsigned t_heap_use = 0;
+
+void countHeap(std::int64_t blocks, std::int64_t bytes) {
+    if (t_heap_use == 0) {
+        t_heap_use = s_next_heap_use.fetch_add(1, std::memory_order_relaxed) % HEAP_USE_COUNT + 1;
+    }
+    SHeapUse& use = s_heap_use[t_heap_use - 1];
+    use.blocks.fetch_add(blocks, std::memory_order_relaxed);
+    use.bytes.fetch_add(bytes, std::memory_order_relaxed);
+}
+
+void freeBlock(SBlockHeader* header) {
+    countHeap(-1, -static_cast<std::int64_t>(header->block_size));
+    std::free(header);
+}
+
 /// Trivial on purpose: a thread that ends runs no destructor of it.
 thread_local SThreadSlot t_slot = {nullptr, NO_KEY};
 
@@ -67,7 +102,13 @@ void* newBlock(std::int32_t class_index, std::size_t block_size, std::size_t siz
     auto* header = new (memory) SBlockHeader;
     header->class_index = class_index;
     header->block_size = static_cast<std::uint32_t>(block_size);
+    countHeap(1, header->block_size);
     return header + 1;
+}
+
+/// Others may read how many there are.
+void setCount(mem_head& head, int count) {
+    std::atomic_ref(head.count).store(static_cast<std::uint16_t>(count), std::memory_order_relaxed);
 }
 
 SBlockHeader* takeFirst(mem_head& head) {
@@ -76,7 +117,7 @@ SBlockHeader* takeFirst(mem_head& head) {
     head.head = block->next;
     if (!head.head) head.tail = nullptr;
     block->next = nullptr;
-    --head.count;
+    setCount(head, head.count - 1);
     return block;
 }
 
@@ -86,7 +127,7 @@ bool append(mem_head& head, SBlockHeader* block) {
     block->next = nullptr;
     (head.tail ? head.tail->next : head.head) = block;
     head.tail = block;
-    ++head.count;
+    setCount(head, head.count + 1);
     return true;
 }
 
@@ -94,10 +135,28 @@ void freeBlocks(const mem_head* cache) {
     for (std::size_t i = 0; i < MEM_CLASS_COUNT; ++i) {
         for (SBlockHeader* block = cache[i].head; block;) {
             SBlockHeader* const next = block->next;
-            std::free(block);
+            freeBlock(block);
             block = next;
         }
     }
+}
+
+void addCached(mem_head* cache, SMemFigures& figures) {
+    for (std::size_t i = 0; i < MEM_CLASS_COUNT; ++i) {
+        const std::int64_t count = std::atomic_ref(cache[i].count).load(std::memory_order_relaxed);
+        figures.cached_blocks += count;
+        figures.cached_bytes += count * cache[i].block_size;
+    }
+}
+
+/// Takes a cache out of the list. @return null if it is in none.
+SThreadCache* unlist(const mem_head* heads) {
+    Plinth::CLockGuard guard(s_caches_mutex);
+    SThreadCache** link = &s_caches;
+    while (*link != nullptr && (*link)->heads != heads) link = &(*link)->next;
+    SThreadCache* const cache = *link;
+    if (cache != nullptr) *link = cache->next;
+    return cache;
 }
 
 void createSharedCache() {
@@ -127,10 +186,13 @@ void CTsMemory::CreateMemPool() {
     Plinth::CLockGuard guard(s_key_mutex);
     if (s_key.load(std::memory_order_relaxed) == NO_KEY) s_key.store(++s_last_key, std::memory_order_relaxed);
     DestroyThreadMemPool();
-    auto* cache = new (std::nothrow) mem_head[MEM_HEAD_COUNT];
+    auto* cache = new (std::nothrow) SThreadCache;
     if (cache) {
-        std::copy(std::begin(MEM_TEMPLATE.heads), std::end(MEM_TEMPLATE.heads), cache);
-        t_slot = {cache, s_key.load(std::memory_order_relaxed)};
+        std::copy(std::begin(MEM_TEMPLATE.heads), std::end(MEM_TEMPLATE.heads), cache->heads);
+        t_slot = {cache->heads, s_key.load(std::memory_order_relaxed)};
+        Plinth::CLockGuard caches_guard(s_caches_mutex);
+        cache->next = s_caches;
+        s_caches = cache;
     }
     createSharedCache();
 }
@@ -204,14 +266,41 @@ void CTsMemory::do_free(mem_head* cache, void* block, bool lock) {
         CLockGuardIf guard(s_shared_mutex, lock);
         if (append(cache[header->class_index], header)) return;
     }
-    std::free(header);
+    freeBlock(header);
 }
 
 void CTsMemory::free_mem_key(void* cache) {
     if (!cache) return;
     auto* const heads = static_cast<mem_head*>(cache);
+    SThreadCache* const listed = unlist(heads);
     freeBlocks(heads);
-    delete[] heads;
+    if (listed != nullptr) {
+        delete listed;
+    } else {
+        delete[] heads;
+    }
+}
+
+SMemFigures memFigures() {
+    SMemFigures figures;
+    {
+        Plinth::CLockGuard guard(s_caches_mutex);
+        for (SThreadCache* cache = s_caches; cache != nullptr; cache = cache->next) {
+            addCached(cache->heads, figures);
+            ++figures.thread_caches;
+        }
+    }
+    {
+        Plinth::CLockGuard guard(s_shared_mutex);
+        addCached(s_shared_heads, figures);
+    }
+    for (const SHeapUse& use : s_heap_use) {
+        figures.in_use_blocks += use.blocks.load(std::memory_order_relaxed);
+        figures.in_use_bytes += use.bytes.load(std::memory_order_relaxed);
+    }
+    figures.in_use_blocks -= figures.cached_blocks;
+    figures.in_use_bytes -= figures.cached_bytes;
+    return figures;
 }
 
 }  // namespace Veltro::Ravelo

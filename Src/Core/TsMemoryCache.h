@@ -58,4 +58,17 @@ inline constexpr SMemTemplate MEM_TEMPLATE = makeMemTemplate();
 static_assert(MEM_TEMPLATE.heads[MEM_CLASS_COUNT - 1].block_size == MEM_GREATEST_CACHED_SIZE);
 static_assert(MEM_TEMPLATE.heads[MEM_CLASS_COUNT].block_size == 0);
 
+/// What the process's caches hold, and what they have handed out.
+struct SMemFigures {
+    std::int64_t in_use_blocks = 0;  ///< handed out, also to threads without a cache
+    std::int64_t in_use_bytes = 0;   ///< of these, as large as their classes
+    std::int64_t cached_blocks = 0;  ///< free, in the threads' caches and the shared one
+    std::int64_t cached_bytes = 0;
+    std::int64_t thread_caches = 0;
+};
+
+/// Exact while nobody allocates or frees. Any thread; no allocation of another one waits for it, but those
+/// from the shared cache wait for an instant.
+SMemFigures memFigures();
+
 }  // namespace Veltro::Ravelo

@@ -5,6 +5,7 @@
 
 #include "Log.h"
 #include "R3/R3Daemon.h"
+#include "R3/R3Quiet.h"
 
 using namespace Veltro;
 using namespace Veltro::Ravelo;
@@ -23,7 +24,7 @@ int R3Register(void* func, const char* name, const char* help) {
 }
 
 void R3Printf(const char* fmt, ...) {
-    if (!R3Server::isRunning() || fmt == nullptr) return;
+    if (!R3Server::isRunning() || CR3Quiet::isOn() || fmt == nullptr) return;
     char text[4096];
     std::va_list values;
     va_start(values, fmt);

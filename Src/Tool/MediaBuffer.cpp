@@ -16,6 +16,7 @@ CMediaBuffer::CMediaBuffer() : m_internal(new (std::nothrow) SMediaBufferRecord(
     if (m_internal == nullptr) return;
     Plinth::CLockGuard guard(m_internal->mutex);
     m_internal->open_frame();
+    m_internal->m_entry.enter(SMediaBufferRecord::living(), *m_internal);
 }
 
 CMediaBuffer::~CMediaBuffer() {
@@ -129,6 +130,7 @@ void CMediaBuffer::Clear() {
     record.m_sender_header = nullptr;
     record.m_buffer_header = nullptr;
     record.m_has_sender = false;
+    record.m_sender_num = 0;
     while (record.m_frame_header != nullptr) {
         // A line without the prefix that others have.
         constexpr int LINE = __LINE__;

@@ -21,7 +21,9 @@
 #include <atomic>
 #include <cstdint>
 
+#include "Tool/LiveList.h"
 #include "Tool/MediaFrame.h"
+#include "Tool/Tally.h"
 
 namespace Veltro::Ravelo {
 
@@ -42,13 +44,15 @@ struct SMediaBufferRecord {
     CMediaStreamSender* m_sender_header PLINTH_GUARDED_BY(mutex) = nullptr;
     CLevel2Buffer_IF* m_buffer_header PLINTH_GUARDED_BY(mutex) = nullptr;
     Plinth::CMutex mutex;  ///< guards the record; taken after the auto-send registry's
-    std::uint64_t m_byte_total PLINTH_GUARDED_BY(mutex) = 0;    ///< the stream's end
-    std::uint64_t m_byte_discard PLINTH_GUARDED_BY(mutex) = 0;  ///< bytes removed, wherever they stood
-    bool m_auto_send = false;                                   ///< guarded by the registry's mutex
-    bool m_send_pending PLINTH_GUARDED_BY(mutex) = true;        ///< a frame was completed, none begun since
+    // The tallies are changed under the lock and read also without it.
+    CTally m_byte_total PLINTH_GUARDED_BY(mutex);         ///< the stream's end
+    CTally m_byte_discard PLINTH_GUARDED_BY(mutex);       ///< bytes removed, wherever they stood
+    bool m_auto_send = false;                             ///< guarded by the registry's mutex
+    bool m_send_pending PLINTH_GUARDED_BY(mutex) = true;  ///< a frame was completed, none begun since
     bool m_has_sender PLINTH_GUARDED_BY(mutex) = false;
     SChannels<std::int32_t> m_min_level PLINTH_GUARDED_BY(mutex);  ///< the best level of each channel
-    std::uint32_t m_frame_num PLINTH_GUARDED_BY(mutex) = 0;
+    TTally<std::uint32_t> m_frame_num PLINTH_GUARDED_BY(mutex);
+    TTally<std::uint32_t> m_sender_num PLINTH_GUARDED_BY(mutex);
     std::atomic<std::uint32_t> m_valid_frame_num{0};  ///< the last count
 
     CMediaBuffer& m_owner;                                  ///< for traces, and for the auto-send timer
@@ -58,10 +62,23 @@ struct SMediaBufferRecord {
     bool m_dropping PLINTH_GUARDED_BY(mutex) = false;
     /// The last frame of each channel that was dropped while it was filled.
     SChannels<std::uint64_t> m_dropped PLINTH_GUARDED_BY(mutex) = {};
-    std::uint64_t m_frames_put PLINTH_GUARDED_BY(mutex) = 0;
-    std::uint64_t m_frames_discarded PLINTH_GUARDED_BY(mutex) = 0;
-    std::uint64_t m_bytes_discarded PLINTH_GUARDED_BY(mutex) = 0;
-    std::uint64_t m_frames_dropped PLINTH_GUARDED_BY(mutex) = 0;
+    CTally m_frames_put PLINTH_GUARDED_BY(mutex);
+    CTally m_frames_discarded PLINTH_GUARDED_BY(mutex);
+    CTally m_bytes_discarded PLINTH_GUARDED_BY(mutex);
+    CTally m_frames_dropped PLINTH_GUARDED_BY(mutex);
+
+    /// What an operator sees of one buffer, or of all together.
+    struct SFigures {
+        const void* buffer;
+        std::uint64_t senders;
+        CMediaBuffer::SCounters counters;
+        /// Adds those of one that goes: what it did, not what it had.
+        void add(const SFigures& other);
+    };
+    /// Of this moment. Any thread, no lock.
+    SFigures figures() const;
+    /// All buffers that live.
+    static TLiveList<SMediaBufferRecord>& living();
 
     // Filling: MediaBufferFill.cpp.
 
@@ -103,6 +120,8 @@ struct SMediaBufferRecord {
 
     void add_level2(CLevel2Buffer_IF& buffer) PLINTH_REQUIRES(mutex);
     void del_level2(CLevel2Buffer_IF& buffer) PLINTH_REQUIRES(mutex);
+
+    TLiveList<SMediaBufferRecord>::CEntry m_entry;
 };
 
 /// The process's timer that calls do_send() of all buffers that ask for it.

@@ -33,6 +33,7 @@ bool SMediaBufferRecord::add_sender(CMediaStreamSender& sender) {
     nextOf(sender) = m_sender_header;
     m_sender_header = &sender;
     m_has_sender = true;
+    m_sender_num += 1;
     return true;
 }
 
@@ -42,6 +43,7 @@ void SMediaBufferRecord::del_sender(CMediaStreamSender& sender) {
     if (*link != nullptr) {
         *link = nextOf(sender);
         nextOf(sender) = nullptr;
+        m_sender_num -= 1;
         SMediaStreamSenderRecord::of(sender).leave_stream();
     }
     if (m_sender_header != nullptr || !m_has_sender) return;

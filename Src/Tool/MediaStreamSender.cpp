@@ -30,7 +30,10 @@ CMediaStreamSender* CMediaStreamSender::Create() {
         // Only lack of memory leads here. If it were named, a DLL would export the type of that exception.
         return nullptr;
     }
-    if (sender != nullptr) record.release();
+    if (sender == nullptr) return nullptr;
+    record->m_id = sender->GetID();
+    record->m_entry.enter(SMediaStreamSenderRecord::living(), *record);
+    record.release();
     return sender;
 }
 
@@ -47,10 +50,12 @@ int CMediaStreamSender::handle_close(CNetHandler*) {
 
 int CMediaStreamSender::Attach(CSock* stream) {
     m_internal->m_stream = stream;
+    m_internal->m_fd = stream != nullptr ? stream->GetHandle() : -1;
     return 0;
 }
 
 CSock* CMediaStreamSender::Detach() {
+    m_internal->m_fd = -1;
     return std::exchange(m_internal->m_stream, nullptr);
 }
 
@@ -174,10 +179,10 @@ bool CMediaStreamSender::timed_out() {
     SMediaStreamSenderRecord& record = *m_internal;
     const std::uint64_t now_us = mediaNowUs();
     record.m_zero_count += 1;
-    if (record.m_zero_since == 0) record.m_zero_since = now_us;
+    if (!record.m_zero_since.isStalled()) record.m_zero_since.begin(now_us);
     const std::uint32_t seconds = record.m_send_timeout;
     return seconds != SMediaStreamSenderRecord::NO_TIMEOUT && record.m_exception_id != 0 &&
-           now_us - record.m_zero_since >= seconds * US_IN_A_SECOND;
+           now_us - record.m_zero_since.since() >= seconds * US_IN_A_SECOND;
 }
 
 void CMediaStreamSender::warn_if_due() {
@@ -228,11 +233,7 @@ int CMediaStreamSender::GetTailPacket(char* buf, int len) {
 }
 
 CMediaStreamSender::SCounters CMediaStreamSender::GetCounters() {
-    const SMediaStreamSenderRecord& record = *m_internal;
-    const std::uint64_t since_us = record.m_zero_since;
-    const std::uint64_t now_stalled_us = since_us != 0 ? mediaNowUs() - since_us : 0;
-    return {record.m_frames_sent,    record.m_bytes_sent,      record.m_skipped_late,
-            record.m_skipped_to_key, record.m_skipped_channel, record.m_stalled_us + now_stalled_us};
+    return m_internal->figures().counters;
 }
 
 }  // namespace Veltro::Ravelo

@@ -13,11 +13,6 @@ namespace {
 
 std::atomic<std::uint64_t (*)()> s_clock{&Plinth::CTime::getCurrentMicroSecond};
 
-/// Counters have one writer at a time, the buffer, so that adding need not be one step.
-void count(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
-    counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
-}
-
 }  // namespace
 
 void setMediaClock(std::uint64_t (*clock)()) {
@@ -62,7 +57,7 @@ void SMediaStreamSenderRecord::arrive_at(const CFrame& frame) {
     m_position = std::max(m_position, frame.m_start);
     // The frame being filled may get more marks.
     if (!frame.isComplete() || frame.m_sequence <= m_passed + 1) return;
-    count(m_skipped_late, frame.m_sequence - m_passed - 1);
+    m_skipped_late += frame.m_sequence - m_passed - 1;
     for (std::size_t channel = 0; channel < frame.m_lost.size(); ++channel) {
         if (frame.m_lost[channel] > m_passed) m_lost_mask |= static_cast<std::uint8_t>(1U << channel);
     }
@@ -76,7 +71,7 @@ bool SMediaStreamSenderRecord::is_to_send(const CFrame& frame) {
         m_lost_mask &= static_cast<std::uint8_t>(~bit);
         return true;
     }
-    count(frame.m_valid != 1 ? m_skipped_late : !sends(bit) ? m_skipped_channel : m_skipped_to_key);
+    (frame.m_valid != 1 ? m_skipped_late : !sends(bit) ? m_skipped_channel : m_skipped_to_key) += 1;
     m_lost_mask |= bit;
     return false;
 }
@@ -117,7 +112,7 @@ int SMediaStreamSenderRecord::write() {
 bool SMediaStreamSenderRecord::count_sent(std::int64_t bytes) {
     m_position += static_cast<std::uint64_t>(bytes);
     m_frame_left -= bytes;
-    count(m_bytes_sent, static_cast<std::uint64_t>(bytes));
+    m_bytes_sent += static_cast<std::uint64_t>(bytes);
     if (m_frame_left <= 0) return true;
     m_frame->m_sending_bytes.fetch_add(bytes, std::memory_order_relaxed);
     m_counted += bytes;
@@ -137,7 +132,7 @@ void SMediaStreamSenderRecord::advance(std::int64_t bytes) {
 void SMediaStreamSenderRecord::finish_frame() {
     uncount();
     m_passed = std::max(m_passed, m_frame->m_sequence);
-    count(m_frames_sent);
+    m_frames_sent += 1;
     if (m_send_proc) {
         m_send_proc(m_frame->m_frame_info, m_frame->m_frame_info_value,
                     static_cast<int>(m_frame->m_byte_len));
@@ -152,12 +147,7 @@ void SMediaStreamSenderRecord::uncount() {
 
 void SMediaStreamSenderRecord::end_stall() {
     m_zero_count = 0;
-    if (m_zero_since.load(std::memory_order_relaxed) != 0) add_stall(mediaNowUs());
-}
-
-void SMediaStreamSenderRecord::add_stall(std::uint64_t now_us) {
-    count(m_stalled_us, now_us - m_zero_since.load(std::memory_order_relaxed));
-    m_zero_since.store(0, std::memory_order_relaxed);
+    if (m_zero_since.isStalled()) m_zero_since.end(mediaNowUs());
 }
 
 }  // namespace Veltro::Ravelo

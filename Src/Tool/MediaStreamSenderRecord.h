@@ -24,7 +24,9 @@
 #include <memory>
 
 #include "Core/HandlerShare.h"
+#include "Tool/LiveList.h"
 #include "Tool/MediaFrame.h"
+#include "Tool/Tally.h"
 
 namespace Veltro::Ravelo {
 
@@ -50,10 +52,10 @@ struct alignas(CACHE_LINE) SMediaStreamSenderRecord {
     std::int64_t m_frame_left = 0;
     Plinth::CMutex mutex;                       ///< guards the other data
     std::atomic<std::uint32_t> m_other_len{0};  ///< written under the mutex
+    std::uint32_t m_zero_count = 0;             ///< writes in a row that took nothing
     /// Room for OTHER_DATA_BYTES; null while there are none.
     std::unique_ptr<char[]> m_other_data PLINTH_GUARDED_BY(mutex);
-    std::uint32_t m_zero_count = 0;              ///< writes in a row that took nothing
-    std::atomic<std::uint64_t> m_zero_since{0};  ///< microseconds: the first of them; 0 if there is none
+    CStallTime m_zero_since;  ///< the first of them, and the sum of all such runs
     std::atomic<std::uint32_t> m_send_timeout{NO_TIMEOUT};  ///< seconds
     std::atomic<std::uint8_t> m_channel_mask{ALL_CHANNELS};
     std::uint8_t m_lost_mask = 0;
@@ -68,12 +70,27 @@ struct alignas(CACHE_LINE) SMediaStreamSenderRecord {
     std::uint64_t m_passed = 0;  ///< the last frame sent or skipped
     std::int64_t m_counted = 0;  ///< what this sender has added to m_sending_bytes of m_frame
 
-    std::atomic<std::uint64_t> m_frames_sent{0};
-    std::atomic<std::uint64_t> m_bytes_sent{0};
-    std::atomic<std::uint64_t> m_skipped_late{0};
-    std::atomic<std::uint64_t> m_skipped_to_key{0};
-    std::atomic<std::uint64_t> m_skipped_channel{0};
-    std::atomic<std::uint64_t> m_stalled_us{0};
+    // Read also without the lock.
+    CTally m_frames_sent;
+    CTally m_bytes_sent;
+    CTally m_skipped_late;
+    CTally m_skipped_to_key;
+    CTally m_skipped_channel;
+    TTally<int> m_fd{-1};       ///< as Attach() found it, -1 without a socket
+    TTally<std::int64_t> m_id;  ///< the sender's
+
+    /// What an operator sees of one sender, or of all together.
+    struct SFigures {
+        std::int64_t id;
+        int fd;
+        CMediaStreamSender::SCounters counters;
+        std::uint64_t stalled_now_us;  ///< since the first write in a row that took nothing
+        void add(const SFigures& other);
+    };
+    /// Of this moment. Any thread, no lock.
+    SFigures figures() const;
+    /// All senders that live.
+    static TLiveList<SMediaStreamSenderRecord>& living();
 
     bool isBetweenFrames() const { return m_packet_index == 0 && m_packet_offset == 0 && !m_is_sealed; }
     bool sends(std::uint32_t channel_bits) const { return (m_channel_mask.load() & channel_bits) != 0; }
@@ -115,7 +132,8 @@ struct alignas(CACHE_LINE) SMediaStreamSenderRecord {
 
     /// A write has taken something.
     void end_stall();
-    void add_stall(std::uint64_t now_us);
+
+    TLiveList<SMediaStreamSenderRecord>::CEntry m_entry;
 };
 
 /// Lets all senders tell the time by another clock, in microseconds; null goes back to the steady one. Any

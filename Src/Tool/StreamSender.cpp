@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "Core/HandlerHold.h"
 #include "Log.h"
 #include "R3/R3Trace.h"
 #include "Tool/SockWrite.h"
@@ -19,34 +20,7 @@ std::uint64_t nowUs() {
     return Plinth::CTime::getCurrentMicroSecond();
 }
 
-/// Holds a reference to a sender's owner until the sender has been unlocked: the last one may go while the
-/// registry is called, and the owner's handle_close() may want the sender.
-class COwnerHold {
-public:
-    COwnerHold() = default;
-    ~COwnerHold() {
-        if (m_owner != nullptr) m_owner->DecRef();
-    }
-    COwnerHold(const COwnerHold&) = delete;
-    COwnerHold& operator=(const COwnerHold&) = delete;
-    void take(CNetHandler* owner) {
-        m_owner = owner;
-        if (owner != nullptr) owner->AddRef();
-    }
-
-private:
-    CNetHandler* m_owner = nullptr;
-};
-
 }  // namespace
-
-void SStreamSenderRecord::beginStall() {
-    m_stalled_since_us = nowUs();
-}
-
-void SStreamSenderRecord::endStall() {
-    m_counters.stalled_us += nowUs() - m_stalled_since_us;
-}
 
 CStreamSender* CStreamSender::Create() {
     std::unique_ptr<SStreamSenderRecord> record(new (std::nothrow) SStreamSenderRecord);
@@ -62,7 +36,10 @@ CStreamSender* CStreamSender::Create() {
         // Only lack of memory leads here. If it were named, a DLL would export the type of that exception.
         return nullptr;
     }
-    if (sender != nullptr) record.release();
+    if (sender == nullptr) return nullptr;
+    record->m_id = sender->GetID();
+    record->m_entry.enter(SStreamSenderRecord::living(), *record);
+    record.release();
     return sender;
 }
 
@@ -104,8 +81,8 @@ int CStreamSender::put_buffer(const char* buf, unsigned int len, int already_sen
     const std::uint32_t rest = len - static_cast<std::uint32_t>(already_sent);
     const bool was_empty = m_internal->m_buffer.length() == 0;
     if (!m_internal->m_buffer.put(buf + already_sent, rest)) return -1;
-    m_internal->m_counters.bytes_taken += rest;
-    if (was_empty) m_internal->beginStall();
+    m_internal->m_bytes_taken += rest;
+    if (was_empty) m_internal->m_stall.begin(nowUs());
     return 0;
 }
 
@@ -117,8 +94,8 @@ int CStreamSender::send_first(const char* buf, unsigned int len) PLINTH_REQUIRES
         report_exception();
         return -1;
     }
-    m_internal->m_counters.bytes_taken += static_cast<std::uint32_t>(sent);
-    m_internal->m_counters.bytes_sent += static_cast<std::uint32_t>(sent);
+    m_internal->m_bytes_taken += static_cast<std::uint32_t>(sent);
+    m_internal->m_bytes_sent += static_cast<std::uint32_t>(sent);
     return sent;
 }
 
@@ -147,8 +124,8 @@ void CStreamSender::send_queued() PLINTH_REQUIRES(m_internal->mutex) {
     }
     if (sent == 0) return;
     m_internal->m_buffer.del_buffer_header(static_cast<std::uint32_t>(sent));
-    m_internal->m_counters.bytes_sent += static_cast<std::uint32_t>(sent);
-    if (m_internal->m_buffer.length() == 0) m_internal->endStall();
+    m_internal->m_bytes_sent += static_cast<std::uint32_t>(sent);
+    if (m_internal->m_buffer.length() == 0) m_internal->m_stall.end(nowUs());
     check_buffer_free();
 }
 
@@ -158,20 +135,24 @@ int CStreamSender::Attach(CNetHandler* owner, CSock* stream) {
     m_internal->m_owner = owner;
     m_internal->m_stream = stream;
     m_internal->m_stream_type = stream->GetType();
+    m_internal->m_fd = stream->GetHandle();
     return 0;
 }
 
 CSock* CStreamSender::Detach() {
-    COwnerHold hold;
+    // The owner's last reference may go while the registry is called, and its handle_close() may want the
+    // sender.
+    CHandlerHold hold;
     Plinth::CLockGuard guard(m_internal->mutex);
     if (m_internal->m_stream == nullptr) return nullptr;
+    m_internal->m_fd = -1;
     hold.take(m_internal->m_owner);
     m_internal->m_owner->CheckSock(*m_internal->m_stream);
     return m_internal->m_stream;
 }
 
 int CStreamSender::Put(const char* buf, unsigned int len) {
-    COwnerHold hold;
+    CHandlerHold hold;
     Plinth::CLockGuard guard(m_internal->mutex);
     const std::uint32_t BUF_SIZE = m_internal->m_buffer.capacity();
     CSock* const m_stream = m_internal->m_stream;
@@ -188,10 +169,10 @@ int CStreamSender::Put(const char* buf, unsigned int len) {
             if (keep_rest(buf, len, sent) != 0) return -1;
         }
     } else if (m_internal->m_buffer.free() < len || put_buffer(buf, len, 0) != 0) {
-        m_internal->m_counters.refused_puts += 1;
+        m_internal->m_refused_puts += 1;
         return -1;
     }
-    m_internal->m_counters.puts += 1;
+    m_internal->m_puts += 1;
     return 0;
 }
 
@@ -200,8 +181,8 @@ int CStreamSender::Clear() {
     CSendBuffer& buffer = m_internal->m_buffer;
     const std::uint32_t queued = buffer.length();
     buffer.clear(m_internal->m_stream != nullptr ? SockWrite::unfinished(*m_internal->m_stream) : 0);
-    m_internal->m_counters.bytes_cleared += queued - buffer.length();
-    if (queued != 0 && buffer.length() == 0) m_internal->endStall();
+    m_internal->m_bytes_cleared += queued - buffer.length();
+    if (queued != 0 && buffer.length() == 0) m_internal->m_stall.end(nowUs());
     check_buffer_free();
     return 0;
 }
@@ -228,11 +209,14 @@ unsigned int CStreamSender::GetBufferSize() {
 
 CStreamSender::SCounters CStreamSender::GetCounters() {
     Plinth::CLockGuard guard(m_internal->mutex);
-    SCounters counters = m_internal->m_counters;
-    counters.bytes_queued = m_internal->m_buffer.length();
-    counters.bytes_free = m_internal->m_buffer.free();
-    if (counters.bytes_queued != 0) counters.stalled_us += nowUs() - m_internal->m_stalled_since_us;
-    return counters;
+    return {m_internal->m_puts,
+            m_internal->m_refused_puts,
+            m_internal->m_bytes_taken,
+            m_internal->m_bytes_sent,
+            m_internal->m_bytes_cleared,
+            m_internal->m_stall.times(nowUs()).all_us,
+            m_internal->m_buffer.length(),
+            m_internal->m_buffer.free()};
 }
 
 void CStreamSender::WaitBufferSize(long id, unsigned int size) {

@@ -8,7 +8,9 @@
 #include <map>
 #include <vector>
 
+#include "Tool/LiveList.h"
 #include "Tool/SendBuffer.h"
+#include "Tool/Tally.h"
 
 namespace Veltro::Ravelo {
 
@@ -25,16 +27,39 @@ struct SStreamSenderRecord {
     std::map<std::int32_t, std::int32_t> m_wait_buffer PLINTH_GUARDED_BY(mutex);  ///< wanted bytes by handler
     std::vector<std::int32_t> m_wait_finish PLINTH_GUARDED_BY(mutex);
     std::int32_t m_exception_id PLINTH_GUARDED_BY(mutex) = 0;
-    /// Those of the past; what is queued, and the time since it is, are added when they are asked for.
-    CStreamSender::SCounters m_counters PLINTH_GUARDED_BY(mutex){};
-    std::uint64_t m_stalled_since_us PLINTH_GUARDED_BY(mutex) = 0;  ///< while bytes are queued
+
+    // Changed under the lock, read also without it. What is taken is counted before what is sent.
+    CTally m_puts PLINTH_GUARDED_BY(mutex);
+    CTally m_refused_puts PLINTH_GUARDED_BY(mutex);
+    CTally m_bytes_taken PLINTH_GUARDED_BY(mutex);
+    CTally m_bytes_sent PLINTH_GUARDED_BY(mutex);
+    CTally m_bytes_cleared PLINTH_GUARDED_BY(mutex);
+    CStallTime m_stall PLINTH_GUARDED_BY(mutex);    ///< while bytes are queued
+    TTally<int> m_fd PLINTH_GUARDED_BY(mutex){-1};  ///< as Attach() found it, -1 without a socket
+    TTally<std::int64_t> m_id;                      ///< the sender's
+
+    /// What an operator sees of one sender, or of all together.
+    struct SFigures {
+        std::int64_t id;
+        int fd;
+        std::uint64_t puts;
+        std::uint64_t refused_puts;
+        std::uint64_t bytes_sent;
+        std::uint64_t bytes_queued;
+        std::uint64_t bytes_cleared;
+        CStallTime::STimes stall;
+        /// Adds those of one that goes: what it had queued counts as dropped.
+        void add(const SFigures& other);
+    };
+    /// Of this moment. Any thread, no lock.
+    SFigures figures() const;
 
     /// A sender's record.
     static SStreamSenderRecord& of(const CStreamSender& sender) { return *sender.m_internal; }
+    /// All senders that live.
+    static TLiveList<SStreamSenderRecord>& living();
 
-    /// Keeps the time for which bytes are queued. Call it when the first one has been, and the last one gone.
-    void beginStall() PLINTH_REQUIRES(mutex);
-    void endStall() PLINTH_REQUIRES(mutex);
+    TLiveList<SStreamSenderRecord>::CEntry m_entry;
 };
 
 }  // namespace Veltro::Ravelo

@@ -22,6 +22,12 @@ TEST(Completion, KnowsTheWordsOfRvl) {
     EXPECT_EQ(complete(COMMANDS, "rvl   -dump  -fd "), Words{"all"});
     EXPECT_EQ(complete(COMMANDS, "rvl -man r"), Words{"revents"});
 }
+TEST(Completion, KnowsTheWordsOfStat) {
+    EXPECT_EQ(complete(COMMANDS, "stat m"), (Words{"memory", "messages"}));
+    EXPECT_EQ(complete(COMMANDS, "stat se"), Words{"senders"});
+    EXPECT_EQ(complete(COMMANDS, "stat b"), Words{"buffers"});
+    EXPECT_EQ(complete(COMMANDS, "stat times o"), (Words{"off", "on"}));
+}
 TEST(Completion, KnowsNothingOfOtherCommandsWords) {
     EXPECT_EQ(complete(COMMANDS, "rings "), Words{});
     EXPECT_EQ(complete(COMMANDS, "rvl -v "), Words{});

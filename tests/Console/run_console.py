@@ -5,6 +5,7 @@ usage: run_console.py CASE --bin FOLDER [--suffix .exe] [--emulator wine] --soca
 
 import argparse
 import contextlib
+import json
 import os
 import re
 import socket
@@ -24,7 +25,7 @@ def skip(reason):
 class Target:
     """A process with a console, in a folder of its own."""
 
-    def __init__(self, options, default_path=False):
+    def __init__(self, options, default_path=False, name="operator_console"):
         self.options = options
         self.folder = tempfile.TemporaryDirectory()
         environment = {**os.environ, "XDG_RUNTIME_DIR": self.folder.name, "HOME": self.folder.name}
@@ -32,7 +33,7 @@ class Target:
             environment = dict(os.environ)
         self.environment = environment
         arguments = [] if default_path else ["console"]
-        self.process = subprocess.Popen(self.command("operator_console") + arguments, stdin=subprocess.PIPE,
+        self.process = subprocess.Popen(self.command(name) + arguments, stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, cwd=self.folder.name, env=environment)
 
     def command(self, name):
@@ -45,7 +46,7 @@ class Target:
         self.path = line.removeprefix("console at ")
         # The pool finds the console a moment later.
         for _ in range(PATIENCE):
-            if b"\nrvl" in self.run("-c", "commands", check=False)[1].replace(b"\r", b"") + b"\n":
+            if b"rvl" in self.run("-c", "commands", check=False)[1].split():
                 return self
             time.sleep(0.2)
         raise AssertionError("the command rvl is not there")
@@ -226,17 +227,126 @@ def MetricsArePrometheusText(options):
                     result = subprocess.run([options.curl, "-s", "--max-time", "20", f"http://{address}/metrics"],
                                             capture_output=True, check=True, timeout=PATIENCE)
                     page = result.stdout.decode()
-                    if page.startswith("# TYPE"):
+                    if page.startswith("# "):
                         break
                     time.sleep(0.2)
-                figures = [line for line in page.splitlines() if not line.startswith("# TYPE ravelo_")]
-                pattern = r'ravelo_[a-z0-9_]+(\{[a-z]+="[^"]*"(,[a-z]+="[^"]*")*\})? -?[0-9]+'
-                assert figures and all(re.fullmatch(pattern, line) for line in figures), page
-                assert any(line.startswith('ravelo_handler_count{class="CPage"} 1') for line in figures), page
+                samples = metrics(page)
+                assert samples["ravelo_handlers", '{class="CPage"}'] == 1, page
+                assert samples["ravelo_media_senders_living", None] == 0, page
                 server.communicate(b"\n", timeout=PATIENCE)
                 assert server.returncode == 0, server.returncode
             finally:
                 server.kill()
+
+
+def metrics(page):
+    """The samples of a page in the text format of Prometheus, by name and labels; what breaks its rules fails."""
+    samples, types, helped, current = {}, {}, set(), None
+    for line in page.splitlines():
+        if line.startswith("# HELP "):
+            _, _, name, text = line.split(" ", 3)
+            assert name not in helped and text.strip(), line
+            helped.add(name)
+            continue
+        if line.startswith("# TYPE "):
+            _, _, current, kind = line.split(" ")
+            assert current not in types and kind in ("gauge", "counter"), line
+            assert (kind == "counter") == current.endswith("_total"), line
+            types[current] = kind
+            continue
+        label = r'[a-z_]+="(?:[^"\\\n]|\\["\\n])*"'
+        match = re.fullmatch(rf"(ravelo_[a-z0-9_]+)(\{{{label}(?:,{label})*\}})? (-?[0-9]+(?:\.[0-9]+)?)", line)
+        assert match, f"no sample: {line!r}"
+        name, labels, value = match.groups()
+        assert name == current, f"{line!r} stands among the samples of {current}"
+        assert (name, labels) not in samples, f"twice: {line!r}"
+        samples[name, labels] = float(value)
+    assert helped == set(types) == {name for name, _ in samples}, helped ^ set(types)
+    return samples
+
+
+def StatOfAQuietProcessIsJson(options):
+    with Target(options) as target:
+        figures = json.loads(target.run("-c", "stat -json")[1])
+        assert [list(pool)[0] for pool in figures["pool"]] == ["number"], figures
+        assert {"class": "CDoorbell", "count": 1, "sockets": 1} in figures["handler"], figures
+        assert figures["stream_senders"][0]["living"] == 0 and figures["stream_sender"] == [], figures
+        assert figures["memory"][0]["thread_caches"] >= 2, figures
+        for word in ("pools", "threads", "handlers", "sockets", "timers", "messages", "memory", "senders", "buffers",
+                     "times"):
+            assert json.loads(target.run("-c", f"stat {word} -json")[1]), word
+
+
+def seen(target, command, enough):
+    """What a command answers, as JSON, once it shows enough."""
+    for _ in range(PATIENCE):
+        figures = json.loads(target.run("-c", command)[1])
+        if enough(figures):
+            return figures
+        time.sleep(0.5)
+    raise AssertionError(figures)
+
+
+def TheWorstOfACrowdAreSeen(options):
+    with Target(options, name="crowded_target") as target:
+        def all_have_begun(figures):
+            return (figures["media_senders"][0]["stalled"] >= 20 and figures["stream_senders"][0]["stalled"] == 4
+                    and figures["media_senders"][0]["longest_stall_us"] > 1_500_000)
+        figures = seen(target, "stat -json", all_have_begun)
+        assert figures["media_senders"][0]["living"] == 2000, figures["media_senders"]
+        assert figures["media_buffers"][0]["senders"] == 2000, figures["media_buffers"]
+        assert len(figures["media_sender"]) == 5 and len(figures["stream_sender"]) == 4, figures
+        stalls = [sender["now_us"] for sender in figures["media_sender"]]
+        assert stalls == sorted(stalls, reverse=True) and stalls[-1] > 0, stalls
+        assert figures["stream_senders"][0]["bytes_queued"] == 4000, figures["stream_senders"]
+
+        lines = target.run("-c", "stat")[1].decode().splitlines()
+        print("\n".join(lines))
+        assert len(lines) < 80, len(lines)
+        assert max(map(len, lines)) <= 80, max(lines, key=len)
+        title = lines.index("media_sender: 5 of 2000, longest stall first")
+        assert lines[title + 1].split() == ["id", "fd", "frames", "bytes", "late", "to_key", "channel", "stalled",
+                                            "now"], lines[title + 1]
+        assert all(re.fullmatch(r" +-[0-9]+ +[0-9]+( +[0-9.]+[kMG]?){5}( +[0-9.]+(us|ms|s|h)){2}", line)
+                   for line in lines[title + 2:title + 7]), lines[title + 2:title + 7]
+
+        everybody = json.loads(target.run("-c", "stat senders -json")[1])
+        assert len({sender["id"] for sender in everybody["media_sender"]}) == 2000
+        assert len(everybody["stream_sender"]) == 40
+        lines = target.run("-c", "stat senders")[1].decode().splitlines()
+        assert "media_sender: 2000 of 2000, longest stall first" in lines
+        assert len(lines) > 2040 and max(map(len, lines)) <= 80, max(lines, key=len)
+
+        before = metrics(target.run("-c", "stat -metrics")[1].decode())
+        after = metrics(target.run("-c", "stat senders buffers -metrics")[1].decode())
+        assert len(before) < 150, "the number of samples depends on that of senders"
+        for (name, labels), value in after.items():
+            assert not name.endswith("_total") or value >= before[name, labels], (name, value)
+        assert after["ravelo_media_senders_living", None] == 2000
+        assert after["ravelo_media_senders_frames_sent_total", None] > 2000
+
+
+def ACrowdThatNeverReadsDisturbsNobody(options):
+    if options.emulator:
+        skip("there is no Unix socket on this platform")
+    with Target(options, name="crowded_target") as target, contextlib.ExitStack() as crowd:
+        def frames_put():
+            return json.loads(target.run("-c", "stat buffers -json")[1])["media_buffers"][0]["frames_put"]
+        for _ in range(99):
+            silent = crowd.enter_context(socket.socket(socket.AF_UNIX))
+            silent.connect(os.path.join(target.folder.name, target.path))
+            silent.sendall(b"stat senders\nstat senders -json\nstat\n" + b"x" * 5000)
+        before = frames_put()
+        for _ in range(PATIENCE):
+            time.sleep(0.2)
+            if frames_put() > before + 5:
+                break
+        else:
+            raise AssertionError("the reactor waits for operators")
+        with open(f"/proc/{target.process.pid}/status", encoding="ascii") as status:
+            resident = next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
+        print(f"{resident} KiB resident")
+        assert resident < 500_000, "what nobody reads is hoarded"
 
 
 class Screen:

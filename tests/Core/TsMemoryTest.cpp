@@ -366,5 +366,79 @@ TEST_F(TsMemory, SharedCacheServesManyThreadsAndSurvivesItsDestructionMeanwhile)
     EXPECT_EQ(spoiled, 0);
 }
 
+/// The figures since a moment.
+SMemFigures since(const SMemFigures& before) {
+    const SMemFigures now = memFigures();
+    return {now.in_use_blocks - before.in_use_blocks, now.in_use_bytes - before.in_use_bytes,
+            now.cached_blocks - before.cached_blocks, now.cached_bytes - before.cached_bytes,
+            now.thread_caches - before.thread_caches};
+}
+
+void expectFigures(const SMemFigures& before, std::int64_t used, std::int64_t used_bytes, std::int64_t cached,
+                   std::int64_t cached_bytes, int line) {
+    const SMemFigures now = since(before);
+    EXPECT_EQ(used, now.in_use_blocks) << "line " << line;
+    EXPECT_EQ(used_bytes, now.in_use_bytes) << "line " << line;
+    EXPECT_EQ(cached, now.cached_blocks) << "line " << line;
+    EXPECT_EQ(cached_bytes, now.cached_bytes) << "line " << line;
+}
+
+TEST_F(TsMemory, CountsBlocksInUseAndCachedOnes) {
+    const SMemFigures before = memFigures();
+    void* const own = CTsMemory::TsMalloc(100);
+    void* const shared = CTsMemory::Malloc(5000);
+    void* const plain = CTsMemory::TsMalloc(300'000);
+    expectFigures(before, 3, 104 + 8192 + 300'000, 0, 0, __LINE__);
+    CTsMemory::TsFree(own);
+    CTsMemory::Free(shared);
+    CTsMemory::TsFree(plain);
+    expectFigures(before, 0, 0, 2, 104 + 8192, __LINE__);
+    CTsMemory::TsFree(CTsMemory::TsMalloc(97));
+    expectFigures(before, 0, 0, 2, 104 + 8192, __LINE__);
+}
+
+TEST_F(TsMemory, CountsTheCachesOfThreadsAndWhatGoesWithThem) {
+    const SMemFigures before = memFigures();
+    void* block = nullptr;
+    onThread([&] {
+        CTsMemory::CreateMemPool();
+        EXPECT_EQ(1, since(before).thread_caches);
+        CTsMemory::TsFree(CTsMemory::TsMalloc(8));
+        block = CTsMemory::TsMalloc(16);
+        expectFigures(before, 1, 16, 1, 8, __LINE__);
+        CTsMemory::DestroyThreadMemPool();
+    });
+    EXPECT_EQ(0, since(before).thread_caches);
+    expectFigures(before, 1, 16, 0, 0, __LINE__);
+    onThread([block] { CTsMemory::TsFree(block); });
+    expectFigures(before, 0, 0, 0, 0, __LINE__);
+}
+
+TEST_F(TsMemory, MayBeCountedWhileOthersAllocate) {
+    const SMemFigures before = memFigures();
+    std::atomic<int> running{2};
+    const auto use = [&running] {
+        CTsMemory::CreateMemPool();
+        for (int i = 0; i < 2'000; ++i) {
+            void* const own = CTsMemory::TsMalloc(static_cast<unsigned>(i % 700));
+            CTsMemory::Free(CTsMemory::Malloc(64));
+            CTsMemory::TsFree(own);
+        }
+        CTsMemory::DestroyThreadMemPool();
+        --running;
+    };
+    Plinth::CThreadLite one([&use](Plinth::CThreadLite&) { use(); }, "memory");
+    Plinth::CThreadLite two([&use](Plinth::CThreadLite&) { use(); }, "memory");
+    ASSERT_TRUE(one.createThread());
+    ASSERT_TRUE(two.createThread());
+    while (running > 0) EXPECT_LE(since(before).thread_caches, 2);
+    one.destroyThread();
+    two.destroyThread();
+    const SMemFigures after = since(before);
+    EXPECT_EQ(0, after.thread_caches);
+    EXPECT_EQ(0, after.in_use_blocks);
+    EXPECT_EQ(0, after.in_use_bytes);
+}
+
 }  // namespace
 }  // namespace Veltro::Ravelo

@@ -233,6 +233,23 @@ TEST_P(SockTrace, SwitchedOffNothingIsTraced) {
     EXPECT_TRUE(traced().empty());
 }
 
+TEST(SockTraceLevel, ALineOfAPositiveOwnerIsAnError) {
+    CDebugControl::sm_sock_fd_all.store(true);
+    CDebugControl::sm_sock_on.store(true);
+    SEvent record;
+    record.key = 7;
+    const CLogCapture log;
+    for (const std::int64_t owner : {5, -5}) {
+        record.obj_id.store(owner);
+        Ravelo::SockTrace::freeSock(record);
+    }
+    CDebugControl::ResetSockDumpRule();
+    EXPECT_EQ(
+        log.count(Plinth::LOG_LEVEL_ERROR, "<Ravelo Debug>Enter CNetSock::remove_sock obj_id:5, socket:7.\n"),
+        1);
+    EXPECT_EQ(log.count(TRACE, "<Ravelo Debug>Enter CNetSock::remove_sock obj_id:-5, socket:7.\n"), 1);
+}
+
 INSTANTIATE_TEST_SUITE_P(AtVerbosity, SockTrace, testing::Values(0U, 1U, 2U));
 
 }  // namespace

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "Core/StreamPair.h"
 #include "Debug/CallbackTimes.h"
-#include "Debug/StatTable.h"
 #include "Support/LogCapture.h"
 #include "Support/Reactor.h"
 
@@ -21,38 +21,6 @@ using TestSupport::CTestHandler;
 using TestSupport::SStreamPair;
 
 using Lines = std::vector<std::string>;
-
-const std::vector<SStatTable> TABLES = {{"pool",
-                                         {{{{"number", "0"}}, {{"threads", 2}, {"queued", 0}}},
-                                          {{{"number", "1"}}, {{"threads", 4}, {"queued", 7}}}}},
-                                        {"timer", {{{}, {{"armed", 3}}}}},
-                                        {"time", {}}};
-
-TEST(StatTable, WritesLinesForPersons) {
-    EXPECT_EQ(statLines(TABLES, EStatForm::Text),
-              (Lines{"pool number 0: threads 2, queued 0", "pool number 1: threads 4, queued 7",
-                     "timer: armed 3"}));
-}
-
-TEST(StatTable, WritesOneJsonObject) {
-    EXPECT_EQ(
-        statLines(TABLES, EStatForm::Json),
-        (Lines{R"({"pool":[{"number":"0","threads":2,"queued":0},{"number":"1","threads":4,"queued":7}],)"
-               R"("timer":[{"armed":3}],"time":[]})"}));
-}
-
-TEST(StatTable, WritesMetricsFigureByFigure) {
-    EXPECT_EQ(statLines(TABLES, EStatForm::Metrics),
-              (Lines{"# TYPE ravelo_pool_threads gauge", R"(ravelo_pool_threads{number="0"} 2)",
-                     R"(ravelo_pool_threads{number="1"} 4)", "# TYPE ravelo_pool_queued gauge",
-                     R"(ravelo_pool_queued{number="0"} 0)", R"(ravelo_pool_queued{number="1"} 7)",
-                     "# TYPE ravelo_timer_armed gauge", "ravelo_timer_armed 3"}));
-}
-
-TEST(StatTable, EscapesWhatEndsAText) {
-    EXPECT_EQ(statLines({{"x", {{{{"l", "a\"b\\c\n"}}, {{"v", 1}}}}}}, EStatForm::Json),
-              (Lines{R"({"x":[{"l":"a\"b\\c\u000a","v":1}]})"}));
-}
 
 class Stat : public testing::Test {
 protected:
@@ -70,10 +38,16 @@ protected:
         for (const auto& line : log.lines()) lines.push_back(line.text);
         return lines;
     }
+    /// The one row of an answer, with its lines joined into one.
     std::string only(const Lines& words) {
         const Lines lines = run(words);
-        EXPECT_EQ(lines.size(), 1U);
-        return lines.empty() ? "" : lines[0];
+        std::string row;
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_EQ(lines[i].starts_with("  "), i > 0) << lines[i];
+            if (i > 0) row.pop_back();
+            row += lines[i].substr(i > 0 ? 1 : 0);
+        }
+        return row;
     }
 
     const CPublicPool pool;
@@ -123,6 +97,21 @@ TEST_F(Stat, ShowsThreadsAndMessages) {
     EXPECT_TRUE(only({"messages"}).starts_with("message: waiting_for_file_threads 0, records_in_use "));
 }
 
+TEST_F(Stat, ShowsTheMemoryPool) {
+    const auto figure = [this](const std::string& name) {
+        const std::string line = only({"memory"});
+        return std::stol(line.substr(line.find(name) + name.size()));
+    };
+    const long blocks = figure("in_use_blocks ");
+    const long bytes = figure("in_use_bytes ");
+    void* const block = handler->TsMalloc(5000);
+    EXPECT_EQ(figure("in_use_blocks "), blocks + 1);
+    EXPECT_EQ(figure("in_use_bytes "), bytes + 5000);
+    handler->TsFree(block);
+    EXPECT_EQ(figure("in_use_blocks "), blocks);
+    EXPECT_EQ(figure("in_use_bytes "), bytes);
+}
+
 TEST_F(Stat, SwitchesTheTimingOfCallbacks) {
     EXPECT_EQ(only({"times", "on"}), "callbacks are timed from now on\n");
     EXPECT_TRUE(CallbackTimes::isOn());
@@ -139,15 +128,27 @@ TEST_F(Stat, ShowsEverythingWithoutAWord) {
     const Lines lines = run({});
     EXPECT_GE(lines.size(), 6U);
     EXPECT_TRUE(only({"-json"}).starts_with("{\"pool\":[{\"number\":\"0\","));
-    EXPECT_EQ(run({"-metrics"})[0], "# TYPE ravelo_pool_threads gauge\n");
+    EXPECT_EQ(run({"-json"}).size(), 1U);
+    EXPECT_EQ(run({"-metrics"})[1], "# TYPE ravelo_pool_threads gauge\n");
+    for (const char* begin : {"pool number 0: ", "timer: ", "message: ", "memory: ", "stream_senders: ",
+                              "media_senders: ", "media_buffers: "}) {
+        EXPECT_EQ(1, std::count_if(lines.begin(), lines.end(),
+                                   [begin](const std::string& line) { return line.starts_with(begin); }))
+            << begin;
+    }
+}
+
+TEST_F(Stat, FitsEightyColumns) {
+    for (const std::string& line : run({})) EXPECT_LE(line.size(), 81U) << line;
+    for (const std::string& line : run({"nonsense"}, 2)) EXPECT_LE(line.size(), 81U) << line;
 }
 
 TEST_F(Stat, RefusesAWordThatItDoesNotKnow) {
     const Lines lines = run({"pool"}, 2);
-    ASSERT_EQ(lines.size(), 3U);
+    ASSERT_EQ(lines.size(), 4U);
     EXPECT_EQ(lines[0], "unknown word: pool\n");
-    EXPECT_EQ(run({"on"}, 2).size(), 3U);
-    EXPECT_EQ(run({"times", "-json", "on"}, 2).size(), 3U);
+    EXPECT_EQ(run({"on"}, 2).size(), 4U);
+    EXPECT_EQ(run({"times", "-json", "on"}, 2).size(), 4U);
     EXPECT_EQ(run({std::string(1 << 20, 'x')}, 2)[0], "unknown word: " + std::string(40, 'x') + "\n");
 }
 

@@ -24,7 +24,8 @@ const std::map<std::string, Words>& grammar() {
         {"rvl -man mask", {"all"}},
         {"rvl -man revents", {"all"}},
         {"stat",
-         {"-json", "-metrics", "handlers", "messages", "pools", "sockets", "threads", "timers", "times"}},
+         {"-json", "-metrics", "buffers", "handlers", "memory", "messages", "pools", "senders", "sockets",
+          "threads", "timers", "times"}},
         {"stat times", {"-json", "-metrics", "off", "on"}},
     };
     return words;
