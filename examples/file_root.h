@@ -1,6 +1,8 @@
 // The folder that the file server shows, and nothing outside it.
 #pragma once
 
+#include <Ravelo/NFile.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <string>
@@ -8,8 +10,8 @@
 #include <system_error>
 
 /// Turns the target of a request into a file under the folder. Names never lead out of it. Neither do links
-/// where std::filesystem resolves them; g++'s for Windows does not. Any thread may call; Find() asks the file
-/// system and may block.
+/// where std::filesystem resolves them; g++'s for Windows does not. Any thread may call; Find() and
+/// OpenFile() ask the file system and may block.
 class CFileRoot {
 public:
     /// @return whether there is such a folder.
@@ -36,6 +38,12 @@ public:
             i += 2;
         }
         return 200;
+    }
+    /// Opens the file of a decoded path for reading. @param owner who gets its messages. @return null when
+    /// there is none, or Find() finds none.
+    Veltro::Ravelo::CNFile* OpenFile(long owner, const std::string& path) const {
+        const std::string place = Find(path);
+        return place.empty() ? nullptr : Veltro::Ravelo::CNFile::Open(owner, place.c_str(), "rb", nullptr);
     }
     /// The file of a decoded path, in UTF-8; empty when there is none, or it lies outside, also by a link.
     std::string Find(const std::string& path) const {
