@@ -396,6 +396,24 @@ TEST(NFileSeek, WithNothingToWriteLeavesTheDeviceAlone) {
     EXPECT_EQ(seeks, disk.count("seek"));
 }
 
+TEST(NFileSeek, LetsAReaderAtTheEndFollowAFileThatGrows) {
+    const CFilePool pool;
+    CFileOwner owner;
+    SDisk disk;
+    CDiskFile file(owner, disk);
+    std::string text;
+    for (const char* part : {"one", " two", " three"}) {
+        bool ended = false;
+        EXPECT_EQ("", file.readAll(100, &ended)) << "it stands at the end";
+        EXPECT_TRUE(ended);
+        disk.fill(text + part);
+        EXPECT_EQ(0, file->Seek(0, 1));
+        EXPECT_EQ(part, file.readAll(100, &ended));
+        EXPECT_TRUE(ended);
+        text += part;
+    }
+}
+
 TEST(NFileSeek, InTheDirectModeGivesTheDevicesResult) {
     const CPublicPool pool;
     CFileOwner owner;
