@@ -96,7 +96,7 @@ protected:
     CLiveHandlers& m_live;
     const int m_timeout_us;
     Veltro::Ravelo::CStreamSender* const m_sender;  ///< ours until hang_up()
-    Veltro::Plinth::CMutex m_mutex;  ///< messages, the socket and the timer call on any worker
+    Veltro::Plinth::CMutex m_mutex;                 ///< messages, the socket and the timer call on any worker
     CClientStream m_stream PLINTH_GUARDED_BY(m_mutex);
 
 private:

@@ -12,7 +12,8 @@
 #include "file_requests.h"
 #include "http_answer.h"
 
-/// An answer under way: its head, then bytes of a file, which it owns meanwhile. Used by one thread at a time.
+/// An answer under way: its head, then bytes of a file, which it owns meanwhile. Used by one thread at a
+/// time.
 class CFileAnswer {
 public:
     /// How far Pump() came.
