@@ -23,6 +23,8 @@ public:
         return m_is_tls ? static_cast<CSslStream&>(*m_sock).Recv(buf, len)
                         : static_cast<CSockStream&>(*m_sock).Recv(buf, len);
     }
+    /// Whether bytes may wait inside it, which the reactor does not report.
+    bool MayHoldBytes() const { return m_is_tls; }
     /// Ends the stream, and tells a peer over TLS so.
     void Close() { m_sock.reset(); }
 

@@ -52,6 +52,10 @@ private:
     /// Reads until a request is complete or there is no more: the reactor does not report bytes that wait
     /// inside a TLS stream.
     void receive() override PLINTH_REQUIRES(m_mutex) {
+        if (m_state == EState::OPENING || m_state == EState::SENDING) {
+            m_ignoring = true;  // it sends on: that has to wait
+            ignore_input();
+        }
         while (!is_closed() && m_state == EState::READING && !take_request()) {
             unsigned room = 0;
             char* place = m_requests.Room(&room);
@@ -67,7 +71,6 @@ private:
     bool take_request() PLINTH_REQUIRES(m_mutex) {
         const int status = m_requests.Next(m_request);
         if (status == CHttpRequest::INCOMPLETE) return false;
-        ignore_input();
         m_steps += 1;
         m_refusing = status != CHttpRequest::OK;
         if (m_refusing) {
@@ -117,8 +120,8 @@ private:
         if (!m_refusing && !m_request.keep_alive) return hang_up();
         // Closing while the client still sends would take a refusal away from it.
         m_state = m_refusing ? EState::LINGERING : EState::READING;
-        wait_for_input();
-        if (!is_closed()) receive();
+        if (std::exchange(m_ignoring, false)) wait_for_input();
+        if (!is_closed() && (m_requests.HasBytes() || m_stream.MayHoldBytes())) receive();
     }
 
     SFileServer& m_server;
@@ -126,6 +129,7 @@ private:
     CFileRequests m_requests PLINTH_GUARDED_BY(m_mutex);
     SFileRequest m_request PLINTH_GUARDED_BY(m_mutex);
     CFileAnswer m_answer PLINTH_GUARDED_BY(m_mutex);
+    bool m_ignoring PLINTH_GUARDED_BY(m_mutex) = false;  ///< what the client sends
     bool m_refusing PLINTH_GUARDED_BY(m_mutex) = false;
     std::uint64_t m_steps PLINTH_GUARDED_BY(m_mutex) = 0;  ///< requests; what else keeps the client
 };

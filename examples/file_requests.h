@@ -29,6 +29,8 @@ public:
     }
     /// Takes what was put there.
     void Take(unsigned bytes) { m_filled += bytes; }
+    /// Whether something has come in that Next() has not read.
+    bool HasBytes() const { return m_filled > 0; }
     /// Reads the next request.
     /// @return OK; INCOMPLETE; or the status of a refusal: what follows has no meaning, and is forgotten.
     int Next(SFileRequest& request) {

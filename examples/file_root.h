@@ -50,16 +50,25 @@ public:
         // What other systems take for a separator or a drive is no part of a name here.
         if (path.find_first_of("\\:") != path.npos) return {};
         std::filesystem::path place = m_root;
+        std::error_code error;
+        std::filesystem::file_status status;
+        bool has_links = false;
         for (std::size_t start = 1; start <= path.size();) {
             const std::size_t end = std::min(path.find('/', start), path.size());
-            const std::string name = path.substr(start, end - start);
-            if (name == "..") return {};
-            if (!name.empty() && name != ".") place /= from_utf8(name);
+            const std::string_view name = std::string_view(path).substr(start, end - start);
             start = end + 1;
+            if (name == "..") return {};
+            if (name.empty() || name == ".") continue;
+            place /= from_utf8(name);
+            status = std::filesystem::symlink_status(place, error);
+            has_links |= std::filesystem::is_symlink(status);
         }
-        std::error_code error;
-        place = std::filesystem::canonical(place, error);
-        if (error || !std::filesystem::is_regular_file(place, error) || !is_inside(place)) return {};
+        if (has_links) {
+            place = std::filesystem::canonical(place, error);
+            if (error || !is_inside(place)) return {};
+            status = std::filesystem::status(place, error);
+        }
+        if (!std::filesystem::is_regular_file(status)) return {};
         const std::u8string text = place.u8string();
         return {text.begin(), text.end()};
     }

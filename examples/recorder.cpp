@@ -1,5 +1,5 @@
-// Records a stream: takes it from a source at a steady pace and writes it to a file, which HTTP clients may read
-// from its start while it grows.
+// Records a stream: takes it from a source at a steady pace and writes it to a file, which HTTP clients may
+// read from its start while it grows.
 //
 //   recorder file source_port [rate [port]]
 //
@@ -14,8 +14,8 @@
 //   recorder film.ts 9000 1000 8080
 //   curl http://127.0.0.1:8080/ | ffplay -
 //
-// Ctrl-C and SIGTERM end it cleanly: all that was taken of the source is on the disk then, or it says how much is
-// not and fails.
+// Ctrl-C and SIGTERM end it cleanly: all that was taken of the source is on the disk then, or it says how
+// much is not and fails.
 #include <filesystem>
 
 #include "recording_reader.h"

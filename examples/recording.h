@@ -19,9 +19,9 @@ struct SRecording {
     CLiveHandlers live;                   ///< the recording and its readers
 };
 
-/// Takes a stream from a source and writes it to a file: at every tick of its pacing thread as much as the rate
-/// allows. What the disk does not take yet is kept, and the source waits meanwhile. Over when the source ends,
-/// or when it is told to; until then it wakes the readers of its file.
+/// Takes a stream from a source and writes it to a file: at every tick of its pacing thread as much as the
+/// rate allows. What the disk does not take yet is kept, and the source waits meanwhile. Over when the source
+/// ends, or when it is told to; until then it wakes the readers of its file.
 class CRecorder : public Veltro::Ravelo::CMediaStreamReceiver {
 public:
     /// What readers get now and then: the file may have grown.
@@ -62,7 +62,8 @@ private:
         Veltro::Plinth::CLockGuard guard(m_mutex);
         if (type == MESSAGE_STOP) m_stopping = true;
         if (type == Veltro::Ravelo::NOTIFY_FILE_ERROR) {
-            if (!m_told) std::fprintf(stderr, "the disk does not take %s; trying again\n", m_recording.path.c_str());
+            if (!m_told)
+                std::fprintf(stderr, "the disk does not take %s; trying again\n", m_recording.path.c_str());
             m_told = m_failing = true;
         }
         return 0;
