@@ -128,11 +128,9 @@ void SNFileRecord::submit_read(CNFileBuf& buffer, std::int64_t offset, std::uint
     m_write_current = nullptr;  // it may have a neighbour now
 }
 
-/// While reads go straight on, keeps the device busy with what comes next: as soon as half of what is to lie
-/// ahead has been read, so that a file thread is woken for several buffers. Only buffers that nobody is going
+/// While reads go straight on, keeps the device busy with what comes next. Only buffers that nobody is going
 /// to miss are used: free ones, and those that lie behind the position.
 void SNFileRecord::read_further_ahead() {
-    if (m_ahead_end - m_file_offset > static_cast<std::int64_t>(m_ahead * CNFileBuf::SIZE / 2)) return;
     bool submitted = false;
     for (auto& each : m_buffers) {
         CNFileBuf& buffer = *each;
