@@ -50,7 +50,8 @@ std::int64_t stolen_ms() {
     std::string name;
     std::int64_t ticks = 0;
     account >> name;
-    for (int column = 0; column < 8; ++column) account >> ticks;  // user nice system idle iowait irq softirq steal
+    for (int column = 0; column < 8; ++column)
+        account >> ticks;  // user nice system idle iowait irq softirq steal
     return account ? ticks * 1000 / sysconf(_SC_CLK_TCK) : 0;
 }
 
@@ -80,7 +81,8 @@ void CHold::add(const SThreadTimes& callback) {
 void CHold::print() const {
     const auto us = [](std::int64_t ns) { return static_cast<double>(ns) / 1e3; };
     std::printf("\"hold_us\":%.1f,\"hold_cpu_us\":%.1f,\"hold_waiting_us\":%.1f,\"hold_blocked_us\":%.1f,",
-                us(m_longest.clock_ns), us(m_longest.cpu_ns), us(m_longest.waiting_ns), us(m_longest_blocked_ns));
+                us(m_longest.clock_ns), us(m_longest.cpu_ns), us(m_longest.waiting_ns),
+                us(m_longest_blocked_ns));
     std::printf("\"hold_own_us\":%.1f,\"worst_cpu_us\":%.1f,\"worst_page_faults\":%ld,", us(m_longest_own_ns),
                 us(m_worst.cpu_ns), m_worst.page_faults);
     std::printf("\"callbacks\":%lld,\"above\":%lld,\"above_own\":%lld", static_cast<long long>(m_callbacks),

@@ -53,8 +53,8 @@ private:
     void add(const SThreadTimes& callback);
 
     std::mutex m_mutex;
-    SThreadTimes m_longest;                // each figure on its own
-    SThreadTimes m_worst;                  // the callback that was longest for its own sake
+    SThreadTimes m_longest;  // each figure on its own
+    SThreadTimes m_worst;    // the callback that was longest for its own sake
     std::int64_t m_longest_own_ns = 0;
     std::int64_t m_longest_blocked_ns = 0;
     std::int64_t m_callbacks = 0;
