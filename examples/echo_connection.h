@@ -9,15 +9,19 @@
 
 #include "live_handlers.h"
 
+/// What all connections share; outlives them.
+struct SEchoServer {
+    int pool = 0;
+    CLiveHandlers live;
+};
+
 /// Sends back what it receives. What the peer does not take is kept, and reading pauses until it has been
 /// taken, so that a client that never reads costs one buffer. Ends with its peer, after a silence, or by a
 /// message.
 class CEchoConnection : public Veltro::Ravelo::CNetHandler {
 public:
-    static constexpr unsigned MESSAGE_STOP = 100;
-
-    CEchoConnection(int pool, std::unique_ptr<Veltro::Ravelo::CSockStream> stream, CLiveHandlers& live)
-        : CNetHandler(pool), m_live(live), m_stream(std::move(stream)) {}
+    CEchoConnection(std::unique_ptr<Veltro::Ravelo::CSockStream> stream, SEchoServer& server)
+        : CNetHandler(server.pool), m_live(server.live), m_stream(std::move(stream)) {}
 
     /// Begins to serve. The object may be gone when this returns: other threads call it back by then.
     void Start() {

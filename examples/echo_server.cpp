@@ -7,126 +7,20 @@
 // pool_size  threads of a private pool that serves the connections; 0, the default: the public pool does
 //
 // Threads are rounded up to a multiple of the processors. Ctrl-C and SIGTERM end it cleanly.
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-
 #include "echo_connection.h"
-
-using namespace Veltro;
-using namespace Veltro::Ravelo;
-
-namespace {
-
-volatile std::sig_atomic_t stop_requested = 0;
-
-void request_stop(int) {
-    stop_requested = 1;
-}
-
-/// Routes the library's log to standard error, each line behind the seconds since the start.
-void log_to_stderr() {
-    const std::uint64_t start_us = Plinth::CTime::getCurrentMicroSecond();
-    Plinth::setLogSink([start_us](int level, const char*, const char*, int, const char* message) {
-        const std::uint64_t elapsed_us = Plinth::CTime::getCurrentMicroSecond() - start_us;
-        std::fprintf(stderr, "%12.6f level %d %s", static_cast<double>(elapsed_us) / 1e6, level, message);
-    });
-}
-
-/// Listens, and makes a CEchoConnection of every client.
-class CEchoAcceptor : public CNetHandler {
-public:
-    CEchoAcceptor(int connection_pool, CLiveHandlers& live) : m_pool(connection_pool), m_live(live) {}
-
-    /// Listens at an address whose port may be 0 and writes the one it got into it. @return success.
-    bool Start(CSockAddrIPv4& where) {
-        m_live.Add(GetID());
-        Plinth::CLockGuard guard(m_mutex);
-        return m_acceptor.Open(where) == 0 && m_acceptor.GetLocalAddr(&where) == 0 &&
-               RegisterSock(m_acceptor, EventMask::Read, 0) == 0;
-    }
-    /// Ends the acceptor and all connections. The object may be gone when this returns.
-    void Stop() {
-        {
-            Plinth::CLockGuard guard(m_mutex);
-            RemoveSock(m_acceptor);
-            m_acceptor.Close();
-            for (const long id : m_live.GetIds()) Notify(id, CEchoConnection::MESSAGE_STOP, 0);
-        }
-        Close();
-    }
-
-private:
-    static constexpr std::int64_t PAUSE_US = 50'000;
-
-    int handle_input(int) override {
-        Plinth::CLockGuard guard(m_mutex);
-        if (!m_acceptor.IsValid()) return -1;
-        std::unique_ptr<CSockStream> stream(m_acceptor.Accept());
-        if (stream == nullptr) {
-            // Out of descriptors, most likely: the client stays in line, so look again a little later.
-            UnregisterSock(m_acceptor, EventMask::Read);
-            SetTimer(PAUSE_US);
-            return 0;
-        }
-        stream->SetSockNoDelay(true);
-        auto* connection = new CEchoConnection(m_pool, std::move(stream), m_live);
-        connection->Start();
-        return 0;
-    }
-    std::int64_t handle_timeout(long) override {
-        Plinth::CLockGuard guard(m_mutex);
-        if (m_acceptor.IsValid()) RegisterSock(m_acceptor, EventMask::Read, 0);
-        return -1;
-    }
-    int handle_close(CNetHandler*) override {
-        m_live.Remove(GetID());
-        delete this;
-        return 0;
-    }
-
-    const int m_pool;
-    CLiveHandlers& m_live;
-    Plinth::CMutex m_mutex;  ///< the program's thread stops what the pool's threads use
-    CSockAcceptor m_acceptor PLINTH_GUARDED_BY(m_mutex);
-};
-
-/// Serves until the user asks for the end; the pools are up.
-int serve(unsigned short port, int connection_pool, CLiveHandlers& live) {
-    CSockAddrIPv4 where("127.0.0.1", port);
-    auto* acceptor = new CEchoAcceptor(connection_pool, live);
-    const bool started = acceptor->Start(where);
-    if (started) {
-        std::printf("listening on 127.0.0.1:%d\n", where.GetPort());
-        std::fflush(stdout);
-        Plinth::CSemaphore never;  // a signal may not post one, so its flag is looked at now and then
-        while (stop_requested == 0) never.pend(100'000);
-    }
-    acceptor->Stop();
-    live.WaitForNone();
-    std::printf(started ? "stopped\n" : "cannot listen\n");
-    return started ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
-unsigned argument(int argc, char** argv, int position, unsigned otherwise) {
-    return position < argc ? static_cast<unsigned>(std::strtoul(argv[position], nullptr, 10)) : otherwise;
-}
-
-}  // namespace
+#include "server_program.h"
 
 int main(int argc, char** argv) {
     log_to_stderr();
-    std::signal(SIGINT, request_stop);
-    std::signal(SIGTERM, request_stop);
+    stop_on_signals();
 
     const auto port = static_cast<unsigned short>(argument(argc, argv, 1, 0));
     const unsigned threads = argument(argc, argv, 2, 1);
     const unsigned pool_size = argument(argc, argv, 3, 0);
-    CLiveHandlers live;  // outlives the pools, whose threads use it
-    if (CNetThread::CreateThreadPool(threads, false) != 0) return EXIT_FAILURE;
-    const int pool = pool_size == 0 ? 0 : CNetThread::CreatePrivatePool(pool_size, false);
-    const int result = pool < 0 ? EXIT_FAILURE : serve(port, pool, live);
-    if (pool > 0) CNetThread::DestroyPrivatePool(pool);
-    CNetThread::DestroyThreadPool();
-    return result;
+    SEchoServer server;  // outlives the pools, whose threads use it
+    const CPools pools(threads, pool_size, false);
+    if (!pools.AreThere()) return EXIT_FAILURE;
+    server.pool = pools.ForConnections();
+    CPlainClients<CEchoConnection, SEchoServer> clients(server);
+    return serve(port, server.live, clients);
 }

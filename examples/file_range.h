@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <string_view>
 
 /// The bytes of a file that a request wants.
@@ -30,6 +31,16 @@ struct SFileRange {
         if (!has_first || (!has_last && !last_empty) || (has_last && last < first)) return whole;
         if (last_empty || last >= size) last = size - 1;
         return part(first, last + 1, first < size);
+    }
+
+    /// The status of an answer that has them.
+    int Status() const { return kind == EKind::WHOLE ? 200 : kind == EKind::PART ? 206 : 416; }
+    /// The line of its head that names them; empty if they are the whole.
+    std::string ContentRange(std::uint64_t size) const {
+        if (kind == EKind::WHOLE) return {};
+        const std::string which =
+            kind == EKind::NONE ? "*" : std::to_string(begin) + "-" + std::to_string(begin + length - 1);
+        return "Content-Range: bytes " + which + "/" + std::to_string(size) + "\r\n";
     }
 
 private:

@@ -1,6 +1,8 @@
 // The folder that the file server shows, and nothing outside it.
 #pragma once
 
+#include <Ravelo/NFile.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <string>
@@ -8,8 +10,8 @@
 #include <system_error>
 
 /// Turns the target of a request into a file under the folder. Names never lead out of it. Neither do links
-/// where std::filesystem resolves them; g++'s for Windows does not. Any thread may call; Find() asks the file
-/// system and may block.
+/// where std::filesystem resolves them; g++'s for Windows does not. Any thread may call; Find() and
+/// OpenFile() ask the file system and may block.
 class CFileRoot {
 public:
     /// @return whether there is such a folder.
@@ -37,21 +39,36 @@ public:
         }
         return 200;
     }
+    /// Opens the file of a decoded path for reading. @param owner who gets its messages. @return null when
+    /// there is none, or Find() finds none.
+    Veltro::Ravelo::CNFile* OpenFile(long owner, const std::string& path) const {
+        const std::string place = Find(path);
+        return place.empty() ? nullptr : Veltro::Ravelo::CNFile::Open(owner, place.c_str(), "rb", nullptr);
+    }
     /// The file of a decoded path, in UTF-8; empty when there is none, or it lies outside, also by a link.
     std::string Find(const std::string& path) const {
         // What other systems take for a separator or a drive is no part of a name here.
         if (path.find_first_of("\\:") != path.npos) return {};
         std::filesystem::path place = m_root;
+        std::error_code error;
+        std::filesystem::file_status status;
+        bool has_links = false;
         for (std::size_t start = 1; start <= path.size();) {
             const std::size_t end = std::min(path.find('/', start), path.size());
-            const std::string name = path.substr(start, end - start);
-            if (name == "..") return {};
-            if (!name.empty() && name != ".") place /= from_utf8(name);
+            const std::string_view name = std::string_view(path).substr(start, end - start);
             start = end + 1;
+            if (name == "..") return {};
+            if (name.empty() || name == ".") continue;
+            place /= from_utf8(name);
+            status = std::filesystem::symlink_status(place, error);
+            has_links |= std::filesystem::is_symlink(status);
         }
-        std::error_code error;
-        place = std::filesystem::canonical(place, error);
-        if (error || !std::filesystem::is_regular_file(place, error) || !is_inside(place)) return {};
+        if (has_links) {
+            place = std::filesystem::canonical(place, error);
+            if (error || !is_inside(place)) return {};
+            status = std::filesystem::status(place, error);
+        }
+        if (!std::filesystem::is_regular_file(status)) return {};
         const std::u8string text = place.u8string();
         return {text.begin(), text.end()};
     }

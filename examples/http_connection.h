@@ -25,8 +25,6 @@ struct SHttpServer {
 /// while the client does not take its answers, so that one costs two buffers at most.
 class CHttpConnection : public Veltro::Ravelo::CNetHandler {
 public:
-    static constexpr unsigned MESSAGE_STOP = 100;
-
     CHttpConnection(std::unique_ptr<Veltro::Ravelo::CSockStream> stream, SHttpServer& server)
         : CNetHandler(server.pool),
           m_server(server),

@@ -8,10 +8,8 @@
 // timeout    seconds that a client may take to send a request, or to take an answer; 10 by default
 //
 // Threads are rounded up to a multiple of the processors. Ctrl-C and SIGTERM end it cleanly.
-#include "http_acceptor.h"
 #include "http_connection.h"
-
-using namespace Veltro::Ravelo;
+#include "server_program.h"
 
 int main(int argc, char** argv) {
     log_to_stderr();
@@ -22,10 +20,9 @@ int main(int argc, char** argv) {
     const unsigned pool_size = argument(argc, argv, 3, 0);
     SHttpServer server;  // outlives the pools, whose threads use it
     server.timeout_us = static_cast<int>(argument(argc, argv, 4, 10)) * 1'000'000;
-    if (CNetThread::CreateThreadPool(threads, false) != 0) return EXIT_FAILURE;
-    server.pool = pool_size == 0 ? 0 : CNetThread::CreatePrivatePool(pool_size, false);
-    const int result = server.pool < 0 ? EXIT_FAILURE : serve<CHttpConnection>(port, server);
-    if (server.pool > 0) CNetThread::DestroyPrivatePool(server.pool);
-    CNetThread::DestroyThreadPool();
-    return result;
+    const CPools pools(threads, pool_size, false);
+    if (!pools.AreThere()) return EXIT_FAILURE;
+    server.pool = pools.ForConnections();
+    CPlainClients<CHttpConnection, SHttpServer> clients(server);
+    return serve(port, server.live, clients);
 }

@@ -23,8 +23,6 @@ struct SLiveServer {
 /// socket, or by a message.
 class CLiveClient : public Veltro::Ravelo::CNetHandler {
 public:
-    static constexpr unsigned MESSAGE_STOP = 100;
-
     CLiveClient(std::unique_ptr<Veltro::Ravelo::CSockStream> stream, SLiveServer& server)
         : m_server(server), m_stream(std::move(stream)) {}
 

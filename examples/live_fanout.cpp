@@ -18,8 +18,8 @@
 #include <string>
 #include <utility>
 
-#include "http_acceptor.h"
 #include "live_client.h"
+#include "server_program.h"
 #include "ts_cutter.h"
 
 using namespace Veltro;
@@ -90,18 +90,9 @@ int main(int argc, char** argv) {
     {
         SLiveServer server;
         server.buffer.EnableAutoSend();
-        CSockAddrIPv4 where("127.0.0.1", static_cast<unsigned short>(argc > 2 ? std::atoi(argv[2]) : 0));
-        auto* acceptor = new CHttpAcceptor<CLiveClient, SLiveServer>(server);
-        const bool started = acceptor->Start(where);
-        if (started) {
-            std::printf("listening on 127.0.0.1:%d\n", where.GetPort());
-            std::fflush(stdout);
-            play(input, server.buffer);
-            result = EXIT_SUCCESS;
-        }
-        acceptor->Stop();
-        server.live.WaitForNone();
-        std::printf(started ? "stopped\n" : "cannot listen\n");
+        CPlainClients<CLiveClient, SLiveServer> clients(server);
+        const auto port = static_cast<unsigned short>(argument(argc, argv, 2, 0));
+        result = serve(port, server.live, clients, [&] { play(input, server.buffer); });
     }
     CNetThread::DestroyThreadPool();
     if (!is_pipe) std::fclose(input);

@@ -5,6 +5,9 @@
 
 #include <set>
 
+/// What a handler of the list is told to end by.
+inline constexpr unsigned MESSAGE_STOP = 100;
+
 /// The ids of the handlers that are alive: a handler is known to others by its id, never by a pointer.
 class CLiveHandlers {
 public:

@@ -14,8 +14,6 @@
 /// stream; and it ends by deleting the stream, which tells the peer that this is the end.
 class CTlsEchoConnection : public Veltro::Ravelo::CNetHandler {
 public:
-    static constexpr unsigned MESSAGE_STOP = 100;
-
     CTlsEchoConnection(std::unique_ptr<Veltro::Ravelo::CSslStream> stream, CLiveHandlers& live)
         : m_live(live), m_stream(std::move(stream)) {}
 

@@ -1,23 +1,25 @@
-// The threads of the TLS echo server that wait for handshakes.
+// A thread that waits for handshakes.
 #pragma once
 
 #include <Plinth/Plinth.h>
 #include <Ravelo/Ravelo.h>
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <utility>
 
-#include "tls_echo_connection.h"
 #include "tls_options.h"
 
-/// A thread that negotiates with the clients it is given, one after the other.
+/// Negotiates with the clients it is given, one after the other, and hands over those that agreed.
 class CNegotiator : public Veltro::Plinth::CThread {
 public:
-    CNegotiator(const CTlsOptions& options, CLiveHandlers& live)
+    using FServe = std::function<void(std::unique_ptr<Veltro::Ravelo::CSslStream>)>;
+
+    CNegotiator(const CTlsOptions& options, FServe serve)
         : CThread("negotiator", Veltro::Plinth::PRIORITY_NORMAL, Veltro::Plinth::POLICY_NORMAL, 0),
           m_options(options),
-          m_live(live) {}
+          m_serve(std::move(serve)) {}
     ~CNegotiator() override { Stop(); }
 
     bool Start() {
@@ -52,7 +54,7 @@ private:
             if (stream == nullptr) continue;
             auto tls = std::make_unique<Veltro::Ravelo::CSslStream>();
             if (m_acceptor.Accept(*tls, stream.release()) != 0 || IsRevoked(*tls, m_options)) continue;
-            (new CTlsEchoConnection(std::move(tls), m_live))->Start();
+            m_serve(std::move(tls));
         }
     }
     std::unique_ptr<Veltro::Ravelo::CSockStream> take() {
@@ -64,7 +66,7 @@ private:
     }
 
     const CTlsOptions& m_options;
-    CLiveHandlers& m_live;
+    const FServe m_serve;
     Veltro::Ravelo::CSslAcceptor m_acceptor;  // not open: it negotiates only
     Veltro::Plinth::CSemaphore m_given;
     Veltro::Plinth::CMutex m_mutex;

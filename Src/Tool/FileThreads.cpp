@@ -15,6 +15,7 @@
 #include "Core/EventPool.h"
 #include "Core/Message.h"
 #include "Log.h"
+#include "Tool/NFilePool.h"
 
 namespace Veltro::Ravelo {
 
@@ -103,6 +104,7 @@ void CFileThreads::stop() {
     while (m_semaphore.tryPend()) {
     }
     m_threads.clear();
+    CNBufPool::forget();
     m_stopping.store(false);
 }
 
@@ -153,17 +155,21 @@ CFileThreads::STaken CFileThreads::take() {
 }
 
 void CFileThreads::finish(CFileJobs& file) {
+    bool has_more = false;
     {
         Plinth::CLockGuard guard(m_mutex);
-        if (file.m_head != nullptr) {
-            list(file);
-            return;
-        }
-        file.m_listed = false;
+        has_more = file.m_head != nullptr;
+        file.m_listed = has_more;
+        if (has_more) list(file);
     }
-    file.m_calls.release(file);
+    if (has_more) {
+        m_semaphore.post();
+    } else {
+        file.m_calls.release(file);
+    }
 }
 
+/// Every caller posts the semaphore once it has given the lock back, which a thread that wakes needs at once.
 void CFileThreads::list(CFileJobs& file) {
     file.m_next = nullptr;
     if (m_tail == nullptr) {
@@ -172,35 +178,38 @@ void CFileThreads::list(CFileJobs& file) {
         m_tail->m_next = &file;
     }
     m_tail = &file;
-    m_semaphore.post();
 }
 
 bool CFileThreads::queue(CFileJobs& file, std::uint32_t type, std::int64_t argument) {
-    Plinth::CLockGuard guard(m_mutex);
-    if (!m_running.load()) return false;
-    SFileJob& job = file.job(type);
-    job.argument = job.queued ? std::max(job.argument, argument) : argument;
-    if (job.queued) return true;
-    job.queued = true;
-    job.next = nullptr;
-    if (file.m_head == nullptr) {
-        file.m_head = &job;
-    } else {
-        file.m_tail->next = &job;
-    }
-    file.m_tail = &job;
-    if (!file.m_listed) {
+    {
+        Plinth::CLockGuard guard(m_mutex);
+        if (!m_running.load()) return false;
+        SFileJob& job = file.job(type);
+        job.argument = job.queued ? std::max(job.argument, argument) : argument;
+        if (job.queued) return true;
+        job.queued = true;
+        job.next = nullptr;
+        if (file.m_head == nullptr) {
+            file.m_head = &job;
+        } else {
+            file.m_tail->next = &job;
+        }
+        file.m_tail = &job;
+        if (file.m_listed) return true;
         file.m_listed = true;
         file.m_calls.hold(file);
         list(file);
     }
+    m_semaphore.post();
     return true;
 }
 
 bool CFileThreads::queueMessage() {
-    Plinth::CLockGuard guard(m_mutex);
-    if (!m_running.load()) return false;
-    ++m_messages;
+    {
+        Plinth::CLockGuard guard(m_mutex);
+        if (!m_running.load()) return false;
+        ++m_messages;
+    }
     m_semaphore.post();
     return true;
 }

@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "Tool/FileThreads.h"
+
 namespace Veltro::Ravelo {
 
 namespace {
@@ -11,6 +13,7 @@ struct SSharedPool {
     Plinth::CMutex mutex;
     CNBufPool* pool PLINTH_GUARDED_BY(mutex) = nullptr;
     unsigned users PLINTH_GUARDED_BY(mutex) = 0;
+    bool kept PLINTH_GUARDED_BY(mutex) = false;  // one user more: files come and go, and want it again
 
     static SSharedPool& get() {
         static auto* instance = new SSharedPool;  // never destroyed: files may go while the statics do
@@ -78,7 +81,12 @@ CNBufPool* CNBufPool::join() {
     SSharedPool& shared = SSharedPool::get();
     Plinth::CLockGuard guard(shared.mutex);
     if (shared.pool == nullptr) shared.pool = new (std::nothrow) CNBufPool;
-    if (shared.pool != nullptr) ++shared.users;
+    if (shared.pool == nullptr) return nullptr;
+    ++shared.users;
+    if (!shared.kept && FileThreads::areRunning()) {
+        shared.kept = true;
+        ++shared.users;
+    }
     return shared.pool;
 }
 
@@ -91,6 +99,16 @@ void CNBufPool::leave() {
         last.reset(shared.pool);
         shared.pool = nullptr;
     }
+}
+
+void CNBufPool::forget() {
+    SSharedPool& shared = SSharedPool::get();
+    {
+        Plinth::CLockGuard guard(shared.mutex);
+        if (!shared.kept) return;
+        shared.kept = false;
+    }
+    leave();
 }
 
 }  // namespace Veltro::Ravelo

@@ -16,7 +16,7 @@ struct SNBufBlock {
 };
 
 /// The blocks of memory that no file buffer needs at present, one pool for the process: it comes with the
-/// first file buffer and goes with the last. Any thread may call.
+/// first file buffer, and goes with the last one and the file threads. Any thread may call.
 class CNBufPool {
 public:
     /// How many blocks it is made with; fewer when memory is short.
@@ -39,6 +39,8 @@ public:
     /// The pool of the process, one user more; null when no memory is left. Every user calls leave() once.
     static CNBufPool* join();
     static void leave();
+    /// Lets the pool go with its last user: the file threads end, for whose sake it is kept otherwise.
+    static void forget();
 
 private:
     Plinth::CMutex m_mutex;  // guards the list

@@ -87,6 +87,7 @@ struct SNFileRecord final : CFileJobs {
     void submit_read(CNFileBuf& buffer, std::int64_t offset, std::uint32_t length)
         PLINTH_REQUIRES(m_io_mutex);
     void read_further_ahead() PLINTH_REQUIRES(m_io_mutex);
+    void forget_end() PLINTH_REQUIRES(m_io_mutex);
     void await_read() PLINTH_REQUIRES(m_io_mutex);
 
     // What both directions share.

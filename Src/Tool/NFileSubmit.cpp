@@ -17,8 +17,19 @@ int CNFile::Seek(std::int64_t offset, int whence) {
     state.m_file_offset = base + offset;
     state.m_read_current = nullptr;
     state.m_write_current = nullptr;
+    state.forget_end();
     if (state.submit_all_buffer(CNFileBuf::SUBMIT_WRITE_RELEASE)) state.queue(FILE_JOB_WRITE, 1);
     return 0;
+}
+
+/// Lets the next read at the file's end ask the device: others may have made the file longer.
+void SNFileRecord::forget_end() {
+    if (!m_has_eof) return;
+    for (auto& buffer : m_buffers) {
+        if (!buffer->TryLock()) continue;
+        if (buffer->IsEof() && buffer->Length() == 0) buffer->Reset();
+        buffer->UnLock();
+    }
 }
 
 int SNFileRecord::seek_through(std::int64_t offset, int whence) {

@@ -157,8 +157,8 @@ def _works(program, folder):
 
 
 def run_files(programs, options):
-    print("== file: ratios are MB/s to those of plain fwrite and fread; "
-          "held: the longest callback, on the clock and of the processor\n")
+    print("== file: ratios are MB/s to those of plain fwrite and fread; held: the longest callback by the clock, and the "
+          "longest that one ran, was blocked, waited for a processor\n")
     with tempfile.TemporaryDirectory(prefix="ravelo_bench_", dir=options.folder) as folder:
         systems = [name for name in _built(programs, "file", FILE_SYSTEMS, FILE_BASE)
                    if _works(programs / f"file_{name}", folder)]
@@ -167,12 +167,19 @@ def run_files(programs, options):
                 command = [way, files, options.file_mib, folder]
                 runs = _rounds(systems, options.rounds,
                                lambda name: run_json([programs / f"file_{name}", *command], BOTH, 300))
-                lines = [[name, *(table.spread(_values(runs, name, key))
-                                  for key in ("mb_per_second", "hold_us", "hold_cpu_us")),
-                          table.ratio(_values(runs, name, "mb_per_second"),
-                                      _values(runs, FILE_BASE, "mb_per_second"))] for name in systems]
-                table.show([f"{way} {options.file_mib} MiB in {files} file(s)", "MB/s (min .. max)",
-                            "held us (min .. max)", "held CPU us", "ratio"], lines)
+                lines = [_file_line(runs, name) for name in systems]
+                table.show([f"{way} {options.file_mib} MiB in {files} file(s)", "MB/s (min .. max)", "ratio",
+                            "held us (min .. max)", "CPU us", "blocked us", "waiting us", "own > 1 ms", "stolen ms"],
+                           lines)
+
+
+def _file_line(runs, name):
+    line = [name, table.spread(_values(runs, name, "mb_per_second")),
+            table.ratio(_values(runs, name, "mb_per_second"), _values(runs, FILE_BASE, "mb_per_second"))]
+    line += [table.spread(_values(runs, name, key))
+             for key in ("hold_us", "hold_cpu_us", "hold_blocked_us", "hold_waiting_us")]
+    above, callbacks = (sum(_values(runs, name, key)) for key in ("above_own", "callbacks"))
+    return [*line, f"{above:.0f} of {callbacks:,.0f}", table.number(sum(_values(runs, name, "stolen_ms")))]
 
 
 def run_parsers(programs, options):

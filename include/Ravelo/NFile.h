@@ -93,7 +93,8 @@ public:
     /// message 8 that the device failed; until either has come every read returns 0.
     int Read(char* buf, unsigned int len, bool& eof);
 
-    /// Moves the position, and lets everything that was written so far go to the device.
+    /// Moves the position, and lets everything that was written so far go to the device. A read that found
+    /// the file's end asks the device again afterwards: Seek(0, 1) lets a reader follow a file that grows.
     /// @param whence 1 adds the offset to the position; any other sets it. In the direct mode given to the
     /// device as it is.
     /// @return 0; -1 for a place before the start, after Close(), or in the direct mode the device's result.

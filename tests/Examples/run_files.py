@@ -1,4 +1,7 @@
-"""Runs the file server as its users and its enemies do, one case per call; arguments as of run_examples.py."""
+"""Runs the file server as its users and its enemies do, one case per call; arguments as of run_examples.py.
+
+A case whose name begins with Tls is the one of the name behind that, over TLS.
+"""
 
 import concurrent.futures
 import contextlib
@@ -7,6 +10,7 @@ import os
 import random
 import shutil
 import socket
+import ssl
 import subprocess
 import tempfile
 import time
@@ -14,6 +18,7 @@ import time
 from run_examples import PATIENCE, Program, parse_options
 
 GIB = 1 << 30
+HUNG_UP = (ConnectionError, ssl.SSLError)
 
 
 class Folder:
@@ -40,16 +45,40 @@ class Folder:
         shutil.rmtree(self.path)
 
 
+class FileServer(Program):
+    """The server of a folder, over TLS if the options say so."""
+
+    def __init__(self, options, *arguments, **settings):
+        self.scheme = "https" if options.tls else "http"
+        if options.tls:
+            drive = "Z:" if options.emulator else ""
+            made = os.path.join(options.certificates, "server")
+            arguments += (f"cert={drive}{made}.pem", f"key={drive}{made}_key.pem")
+        super().__init__(options, "file_server", *arguments, **settings)
+
+    def connect(self):
+        stream = super().connect()
+        if self.scheme == "http":
+            return stream
+        context = ssl.create_default_context()
+        context.check_hostname = False
+        context.verify_mode = ssl.CERT_NONE
+        return context.wrap_socket(stream)
+
+    def url(self, target):
+        return f"{self.scheme}://127.0.0.1:{self.port}{target}"
+
+
 @contextlib.contextmanager
 def served(options, timeout=30, threads=2, pool_size=2):
-    with Folder() as folder, Program(options, "file_server", folder.root, 0, threads, pool_size, timeout) as web:
+    with Folder() as folder, FileServer(options, folder.root, 0, threads, pool_size, timeout) as web:
         yield folder, web
 
 
 def curl(web, target, *arguments, check=True):
     """What curl prints."""
     command = ["curl", "--silent", "--show-error", "--max-time", str(PATIENCE), "--path-as-is", "--noproxy", "*",
-               *arguments, f"http://127.0.0.1:{web.port}{target}"]
+               "--insecure", *arguments, web.url(target)]
     return subprocess.run(command, capture_output=True, timeout=PATIENCE + 5, check=check).stdout
 
 
@@ -63,7 +92,7 @@ def read_all(stream):
     try:
         while part := stream.recv(1 << 20):
             received += part
-    except ConnectionError:
+    except HUNG_UP:
         pass
     return received
 
@@ -204,7 +233,7 @@ def ConnectionsAreKeptAndRequestsPipelined(options):
     with served(options) as (folder, web):
         folder.add("one", b"1" * 1000)
         folder.add("two", b"2" * 300_000)
-        url = f"http://127.0.0.1:{web.port}/one"
+        url = web.url("/one")
         output = curl(web, "/one", "--write-out", "%{num_connects} ", url, url)
         assert output == b"1" * 1000 + b"1 " + (b"1" * 1000 + b"0 ") * 2
         answers = talk(web, request("/one") + request("/two") + request("/none") + request("/one", "Connection: close"))
@@ -297,7 +326,7 @@ def AClientThatNeverReadsIsLeft(options):
                 try:
                     stream.sendall(b"x")
                     time.sleep(0.1)
-                except ConnectionError:
+                except HUNG_UP:
                     return
             raise AssertionError("the server still waits")
 
@@ -352,9 +381,30 @@ def EndsCleanlyWithDownloadsUnderWay(options):
             read_all(stream)
 
 
+def RudeClientsHarmNobodyElse(options):
+    """Those who speak no TLS, or leave in the middle of a handshake."""
+    hello = b"\x16\x03\x01\x02\x00\x01"
+    with served(options) as (folder, web):
+        content = folder.add("file", b"content")
+        for number in range(40):
+            with socket.create_connection(("127.0.0.1", web.port), PATIENCE) as rude:
+                rude.sendall((request("/file"), hello, random.Random(number).randbytes(300), b"x")[number % 4])
+        assert curl(web, "/file") == content
+
+
+def UnusableCertificatesAreRefused(options):
+    with Folder() as folder:
+        server = os.path.join(options.bin, "file_server" + options.suffix)
+        command = [*filter(None, [options.emulator]), server, folder.root, "cert=none.pem", "key=none.pem"]
+        done = subprocess.run(command, capture_output=True, timeout=PATIENCE, check=False)
+        assert done.returncode == 1 and b"cannot use the certificate" in done.stderr, done
+
+
 def main():
     options = parse_options()
-    globals()[options.case.removeprefix("FileServer")](options)
+    case = options.case.removeprefix("FileServer")
+    options.tls = case.startswith("Tls")
+    globals()[case.removeprefix("Tls")](options)
 
 
 main()

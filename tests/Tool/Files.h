@@ -301,4 +301,13 @@ inline std::string pattern(std::size_t length, unsigned seed = 1) {
     return text;
 }
 
+/// What every test of files has: a pool, an owner of files and a disk.
+template <typename TPool>
+class CFileTest : public testing::Test {
+protected:
+    TPool pool;
+    CFileOwner owner;
+    SDisk disk;
+};
+
 }  // namespace Veltro::TestSupport

@@ -9,6 +9,7 @@
 
 #include "Support/Gate.h"
 #include "Support/ScarceMemory.h"
+#include "Tool/Files.h"
 #include "Tool/NFileBuf.h"
 
 namespace Veltro::Ravelo {
@@ -52,6 +53,24 @@ TEST(NBufPool, KeepsNoMoreThan257Blocks) {
     for (unsigned i = 0; i < 300; ++i) blocks.push_back(pool.Pop());
     for (auto& block : blocks) pool.Push(std::move(block));
     EXPECT_EQ(257U, pool.Size());
+}
+
+TEST(NBufPool, StaysAsLongAsThereAreFileThreads) {
+    {
+        const CFilePool pool;
+        EXPECT_EQ(64U, CNBufPool::join()->Size());
+        EXPECT_NE(nullptr, CNBufPool::join()->Pop());
+        CNBufPool::leave();
+        CNBufPool::leave();
+        EXPECT_EQ(63U, CNBufPool::join()->Size()) << "it is the same one";
+        CNBufPool::leave();
+    }
+    EXPECT_EQ(64U, CNBufPool::join()->Size()) << "it is a new one";
+    EXPECT_NE(nullptr, CNBufPool::join()->Pop());
+    CNBufPool::leave();
+    CNBufPool::leave();
+    EXPECT_EQ(64U, CNBufPool::join()->Size()) << "without file threads it goes with its last user";
+    CNBufPool::leave();
 }
 
 TEST(NBufPool, ANullBlockIsLeftAlone) {

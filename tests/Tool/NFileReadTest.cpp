@@ -12,6 +12,10 @@ namespace {
 
 using namespace TestSupport;
 
+class NFileRead : public CFileTest<CFilePool> {};
+class NFileSeek : public CFileTest<CFilePool> {};
+class NFileSeekDirect : public CFileTest<CPublicPool> {};
+
 int readOnce(CDiskFile& file, std::string& text, unsigned length, bool& eof) {
     text.assign(length, '\0');
     const int count = file->Read(text.data(), length, eof);
@@ -19,10 +23,7 @@ int readOnce(CDiskFile& file, std::string& text, unsigned length, bool& eof) {
     return count;
 }
 
-TEST(NFileRead, TheFirstReadStartsAReadAheadAndMessage7Follows) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, TheFirstReadStartsAReadAheadAndMessage7Follows) {
     disk.fill(pattern(3 * BUFFER));
     CDiskFile file(owner, disk);
     std::string text;
@@ -37,10 +38,7 @@ TEST(NFileRead, TheFirstReadStartsAReadAheadAndMessage7Follows) {
     EXPECT_EQ(1, owner.count(NOTIFY_FILE_READABLE));
 }
 
-TEST(NFileRead, WhileAReadAheadIsUnderWayReadsGiveNothing) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, WhileAReadAheadIsUnderWayReadsGiveNothing) {
     disk.fill("content");
     CGate gate;
     disk.on_read = [&] { gate.pass(); };
@@ -57,10 +55,7 @@ TEST(NFileRead, WhileAReadAheadIsUnderWayReadsGiveNothing) {
     EXPECT_TRUE(eof);
 }
 
-TEST(NFileRead, TheEndIsToldWithTheLastByte) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, TheEndIsToldWithTheLastByte) {
     disk.fill("0123456789");
     CDiskFile file(owner, disk);
     bool ended = true;
@@ -72,20 +67,14 @@ TEST(NFileRead, TheEndIsToldWithTheLastByte) {
     EXPECT_TRUE(eof);
 }
 
-TEST(NFileRead, AnEmptyFileEndsAtOnce) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AnEmptyFileEndsAtOnce) {
     CDiskFile file(owner, disk);
     bool ended = false;
     EXPECT_EQ("", file.readAll(10, &ended));
     EXPECT_TRUE(ended);
 }
 
-TEST(NFileRead, AFileOfWholeBuffersEndsBehindThem) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AFileOfWholeBuffersEndsBehindThem) {
     disk.fill(pattern(2 * BUFFER));
     CDiskFile file(owner, disk);
     bool ended = false;
@@ -93,10 +82,7 @@ TEST(NFileRead, AFileOfWholeBuffersEndsBehindThem) {
     EXPECT_TRUE(ended);
 }
 
-TEST(NFileRead, AtTheEndEachReadLooksAgain) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AtTheEndEachReadLooksAgain) {
     disk.fill("some");
     CDiskFile file(owner, disk);
     bool ended = false;
@@ -106,10 +92,7 @@ TEST(NFileRead, AtTheEndEachReadLooksAgain) {
     EXPECT_TRUE(ended);
 }
 
-TEST(NFileRead, ATruncatedFileEndsEarly) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, ATruncatedFileEndsEarly) {
     disk.fill(pattern(8 * BUFFER));
     CDiskFile file(owner, disk);
     EXPECT_EQ(BUFFER, file.readAll(BUFFER).size());
@@ -121,10 +104,7 @@ TEST(NFileRead, ATruncatedFileEndsEarly) {
     EXPECT_EQ(0, owner.count(NOTIFY_FILE_ERROR));
 }
 
-TEST(NFileRead, AFileTruncatedAfterItWasWrittenEndsEarly) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AFileTruncatedAfterItWasWrittenEndsEarly) {
     CDiskFile file(owner, disk);
     EXPECT_TRUE(file.writeAll(pattern(2 * BUFFER)));
     file->Seek(0, 0);
@@ -135,10 +115,7 @@ TEST(NFileRead, AFileTruncatedAfterItWasWrittenEndsEarly) {
     EXPECT_TRUE(ended);
 }
 
-TEST(NFileRead, AShortDeviceIsAskedUntilTheBufferIsFull) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AShortDeviceIsAskedUntilTheBufferIsFull) {
     disk.fill(pattern(BUFFER));
     disk.longest = 100'000;
     CDiskFile file(owner, disk);
@@ -146,10 +123,7 @@ TEST(NFileRead, AShortDeviceIsAskedUntilTheBufferIsFull) {
     EXPECT_EQ((std::vector<std::string>{"read 0+131072", "read 100000+31072"}), disk.callsOf("read"));
 }
 
-TEST(NFileRead, AReadMayBeLargerThanAllBuffers) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AReadMayBeLargerThanAllBuffers) {
     const std::string text = pattern(20 * BUFFER + 1234);
     disk.fill(text);
     CDiskFile file(owner, disk);
@@ -157,10 +131,7 @@ TEST(NFileRead, AReadMayBeLargerThanAllBuffers) {
     EXPECT_EQ(0, disk.overlaps.load());
 }
 
-TEST(NFileRead, ReadsThatGoStraightOnAreReadFurtherAhead) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, ReadsThatGoStraightOnAreReadFurtherAhead) {
     disk.fill(pattern(20 * BUFFER));
     CDiskFile file(owner, disk);
     EXPECT_EQ(pattern(20 * BUFFER).substr(0, 5 * BUFFER), file.readAll(5 * BUFFER));
@@ -172,10 +143,7 @@ TEST(NFileRead, ReadsThatGoStraightOnAreReadFurtherAhead) {
     }
 }
 
-TEST(NFileRead, JumpsAreNotReadFurtherAhead) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, JumpsAreNotReadFurtherAhead) {
     disk.fill(pattern(20 * BUFFER));
     CDiskFile file(owner, disk);
     for (const int place : {3, 9, 1, 15}) {
@@ -186,10 +154,7 @@ TEST(NFileRead, JumpsAreNotReadFurtherAhead) {
     EXPECT_EQ(4, disk.count("read"));
 }
 
-TEST(NFileRead, WhatWasWrittenIsReadBackBeforeTheDeviceHasIt) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, WhatWasWrittenIsReadBackBeforeTheDeviceHasIt) {
     disk.fill(std::string(100, '.'));
     CDiskFile file(owner, disk);
     EXPECT_EQ("..........", file.readAll(10));
@@ -201,10 +166,7 @@ TEST(NFileRead, WhatWasWrittenIsReadBackBeforeTheDeviceHasIt) {
     EXPECT_EQ("..WRITE...", file.readAll(10));
 }
 
-TEST(NFileRead, AHoleBeforeUnwrittenBytesReadsAsZerosNotAsTheEnd) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AHoleBeforeUnwrittenBytesReadsAsZerosNotAsTheEnd) {
     disk.fill("start");
     CDiskFile file(owner, disk);
     bool ended = false;
@@ -217,10 +179,7 @@ TEST(NFileRead, AHoleBeforeUnwrittenBytesReadsAsZerosNotAsTheEnd) {
     EXPECT_TRUE(ended);
 }
 
-TEST(NFileRead, AFailureIsToldOnceAndTheNextReadTriesAgain) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AFailureIsToldOnceAndTheNextReadTriesAgain) {
     disk.fill("content");
     disk.failing_reads = 2;
     CDiskFile file(owner, disk);
@@ -239,10 +198,7 @@ TEST(NFileRead, AFailureIsToldOnceAndTheNextReadTriesAgain) {
     EXPECT_EQ(2, owner.count(NOTIFY_FILE_ERROR));
 }
 
-TEST(NFileRead, AFailedSeekOfTheDeviceIsAFailure) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AFailedSeekOfTheDeviceIsAFailure) {
     disk.fill("content");
     disk.failing_seeks = 1;
     CDiskFile file(owner, disk);
@@ -253,10 +209,7 @@ TEST(NFileRead, AFailedSeekOfTheDeviceIsAFailure) {
     EXPECT_EQ("content", file.readAll(100));
 }
 
-TEST(NFileRead, AFailedReadFurtherAheadIsToldWhenItIsWanted) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AFailedReadFurtherAheadIsToldWhenItIsWanted) {
     const std::string text = pattern(8 * BUFFER);
     disk.fill(text);
     std::atomic<int> reads{0};
@@ -268,10 +221,7 @@ TEST(NFileRead, AFailedReadFurtherAheadIsToldWhenItIsWanted) {
     EXPECT_LE(owner.count(NOTIFY_FILE_ERROR), 1);
 }
 
-TEST(NFileRead, WithoutMemoryForABufferMessage8Follows) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, WithoutMemoryForABufferMessage8Follows) {
     disk.fill("content");
     CDiskFile file(owner, disk);
     keepRecordsForMessages();
@@ -291,10 +241,7 @@ TEST(NFileRead, WithoutMemoryForABufferMessage8Follows) {
     CNBufPool::leave();
 }
 
-TEST(NFileRead, WithEveryBufferBeingWrittenAReadWaitsForThem) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, WithEveryBufferBeingWrittenAReadWaitsForThem) {
     disk.fill(std::string(20 * BUFFER, '.'));
     CGate gate;
     disk.on_write = [&] { gate.pass(); };
@@ -311,10 +258,7 @@ TEST(NFileRead, WithEveryBufferBeingWrittenAReadWaitsForThem) {
     EXPECT_EQ("..........", file.readAll(10));
 }
 
-TEST(NFileRead, AReadOfBytesThatAreBeingWrittenWaitsForThem) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileRead, AReadOfBytesThatAreBeingWrittenWaitsForThem) {
     disk.fill(std::string(10, '.'));
     CGate gate;
     disk.on_write = [&] { gate.pass(); };
@@ -330,10 +274,7 @@ TEST(NFileRead, AReadOfBytesThatAreBeingWrittenWaitsForThem) {
     EXPECT_EQ("new.......", file.readAll(10));
 }
 
-TEST(NFileSeek, FromThePositionOrFromTheStart) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileSeek, FromThePositionOrFromTheStart) {
     disk.fill("0123456789");
     CDiskFile file(owner, disk);
     EXPECT_EQ(0, file->Seek(4, 0));
@@ -344,10 +285,7 @@ TEST(NFileSeek, FromThePositionOrFromTheStart) {
     EXPECT_EQ("89", file.readAll(2));
 }
 
-TEST(NFileSeek, FromTheEndIsFromTheStart) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileSeek, FromTheEndIsFromTheStart) {
     disk.fill("0123456789");
     CDiskFile file(owner, disk);
     EXPECT_EQ(0, file->Seek(5, 0));
@@ -357,10 +295,7 @@ TEST(NFileSeek, FromTheEndIsFromTheStart) {
     EXPECT_EQ("78", file.readAll(2));
 }
 
-TEST(NFileSeek, BeforeTheStartOrBeyondAllNumbersIsRefused) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileSeek, BeforeTheStartOrBeyondAllNumbersIsRefused) {
     disk.fill("0123456789");
     CDiskFile file(owner, disk);
     EXPECT_EQ(0, file->Seek(5, 0));
@@ -373,20 +308,14 @@ TEST(NFileSeek, BeforeTheStartOrBeyondAllNumbersIsRefused) {
     EXPECT_EQ(0, disk.count("seek -"));
 }
 
-TEST(NFileSeek, LetsWhatWasWrittenGoToTheDevice) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileSeek, LetsWhatWasWrittenGoToTheDevice) {
     CDiskFile file(owner, disk);
     EXPECT_EQ(4, file->Write("text", 4));
     EXPECT_EQ(0, file->Seek(0, 1));
     EXPECT_TRUE(waitUntil([&] { return disk.content() == "text"; }));
 }
 
-TEST(NFileSeek, WithNothingToWriteLeavesTheDeviceAlone) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileSeek, WithNothingToWriteLeavesTheDeviceAlone) {
     disk.fill("text");
     CDiskFile file(owner, disk);
     EXPECT_EQ("te", file.readAll(2));
@@ -396,10 +325,22 @@ TEST(NFileSeek, WithNothingToWriteLeavesTheDeviceAlone) {
     EXPECT_EQ(seeks, disk.count("seek"));
 }
 
-TEST(NFileSeek, InTheDirectModeGivesTheDevicesResult) {
-    const CPublicPool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileSeek, LetsAReaderAtTheEndFollowAFileThatGrows) {
+    CDiskFile file(owner, disk);
+    std::string text;
+    for (const char* part : {"one", " two", " three"}) {
+        bool ended = false;
+        EXPECT_EQ("", file.readAll(100, &ended)) << "it stands at the end";
+        EXPECT_TRUE(ended);
+        disk.fill(text + part);
+        EXPECT_EQ(0, file->Seek(0, 1));
+        EXPECT_EQ(part, file.readAll(100, &ended));
+        EXPECT_TRUE(ended);
+        text += part;
+    }
+}
+
+TEST_F(NFileSeekDirect, ASeekGivesTheDevicesResult) {
     CDiskFile file(owner, disk);
     disk.failing_seeks = 1;
     EXPECT_EQ(-1, file->Seek(3, 2));

@@ -12,19 +12,16 @@ namespace {
 
 using namespace TestSupport;
 
-TEST(NFile, OpenGivesPathAndModeToTheDevice) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+class NFile : public CFileTest<CFilePool> {};
+class NFileDirect : public CFileTest<CPublicPool> {};
+
+TEST_F(NFile, OpenGivesPathAndModeToTheDevice) {
     CDiskFile file(owner, disk, "w+");
     EXPECT_EQ(1, disk.count("open disk w+"));
     EXPECT_EQ(1, disk.count("stat"));
 }
 
-TEST(NFile, AnOpenThatFailsClosesTheDeviceOnceAndGivesNull) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, AnOpenThatFailsClosesTheDeviceOnceAndGivesNull) {
     disk.opens = false;
     EXPECT_EQ(nullptr, CNFile::Open(owner.id(), "disk", "r", new CMemoryDevice(disk)));
     EXPECT_EQ(1, disk.closes.load());
@@ -32,30 +29,24 @@ TEST(NFile, AnOpenThatFailsClosesTheDeviceOnceAndGivesNull) {
     EXPECT_EQ(1, disk.closes.load());
 }
 
-TEST(NFile, WithoutMemoryOpenClosesTheDeviceAndGivesNull) {
-    const CFilePool pool;
-    CFileOwner owner;
+TEST_F(NFile, WithoutMemoryOpenClosesTheDeviceAndGivesNull) {
     for (int left = 0; left < 2; ++left) {
-        SDisk disk;
-        auto* device = new CMemoryDevice(disk);
+        SDisk fresh;
+        auto* device = new CMemoryDevice(fresh);
         {
             const CScarceMemory scarce(left);
             EXPECT_EQ(nullptr, CNFile::Open(owner.id(), "disk", "r", device)) << left;
         }
-        EXPECT_EQ(1, disk.closes.load()) << left;
+        EXPECT_EQ(1, fresh.closes.load()) << left;
     }
 }
 
-TEST(NFile, WithoutMemoryForADeviceOpenGivesNull) {
-    const CFilePool pool;
+TEST_F(NFile, WithoutMemoryForADeviceOpenGivesNull) {
     const CScarceMemory scarce(0);
     EXPECT_EQ(nullptr, CNFile::Open(-1, "disk", "r", nullptr));
 }
 
-TEST(NFile, StatTellsWhatTheDeviceToldAtTheOpen) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, StatTellsWhatTheDeviceToldAtTheOpen) {
     disk.fill("1234567");
     CDiskFile file(owner, disk);
     EXPECT_TRUE(file.writeAll("more than seven bytes"));
@@ -66,10 +57,7 @@ TEST(NFile, StatTellsWhatTheDeviceToldAtTheOpen) {
     EXPECT_EQ(1, disk.count("stat"));
 }
 
-TEST(NFile, StatAsksAgainAsLongAsNothingIsKnown) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, StatAsksAgainAsLongAsNothingIsKnown) {
     disk.has_stat = false;
     CDiskFile file(owner, disk);
     NFile_Info info;
@@ -80,18 +68,12 @@ TEST(NFile, StatAsksAgainAsLongAsNothingIsKnown) {
     EXPECT_EQ(3, disk.count("stat"));
 }
 
-TEST(NFile, StatOfNullIsRefused) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, StatOfNullIsRefused) {
     CDiskFile file(owner, disk);
     EXPECT_EQ(-1, file->Stat(nullptr));
 }
 
-TEST(NFile, CloseWritesAllThatWasTakenAndClosesTheDeviceOnce) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, CloseWritesAllThatWasTakenAndClosesTheDeviceOnce) {
     const std::string text = pattern(3 * BUFFER + 77);
     {
         CDiskFile file(owner, disk);
@@ -103,10 +85,7 @@ TEST(NFile, CloseWritesAllThatWasTakenAndClosesTheDeviceOnce) {
     EXPECT_EQ(0, owner.count(NOTIFY_FILE_ERROR));
 }
 
-TEST(NFile, CloseTwiceClosesOnce) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, CloseTwiceClosesOnce) {
     CDiskFile holder(owner, disk);
     CNFile* file = holder.release();
     const long id = file->GetID();
@@ -120,14 +99,12 @@ TEST(NFile, CloseTwiceClosesOnce) {
     EXPECT_EQ(1, disk.closes.load());
 }
 
-TEST(NFile, AfterCloseNothingIsTakenOrGiven) {
-    const CFilePool pool;
-    CFileOwner owner;
+TEST_F(NFile, AfterCloseNothingIsTakenOrGiven) {
     for (const bool buffered : {true, false}) {
-        SDisk disk;
-        disk.fill("content");
-        disk.needs_aio = buffered;
-        CDiskFile holder(owner, disk);
+        SDisk fresh;
+        fresh.fill("content");
+        fresh.needs_aio = buffered;
+        CDiskFile holder(owner, fresh);
         CNFile* file = holder.release();
         const long id = file->GetID();
         file->AddRef();
@@ -141,13 +118,13 @@ TEST(NFile, AfterCloseNothingIsTakenOrGiven) {
         EXPECT_EQ(-1, file->SetBufferSize(BUFFER, 8));
         EXPECT_EQ(0, file->Write("more", 4));
         EXPECT_EQ(0, file->Read(text, 4, eof));
-        EXPECT_EQ("content", disk.content());
+        EXPECT_EQ("content", fresh.content());
         file->DecRef();
-        EXPECT_EQ(1, disk.closes.load());
+        EXPECT_EQ(1, fresh.closes.load());
     }
 }
 
-TEST(NFile, ClosingInsideEachMessageIsAllowed) {
+TEST(NFileAndPools, ClosingInsideEachMessageIsAllowed) {
     for (const unsigned wanted : {NOTIFY_FILE_WRITABLE, NOTIFY_FILE_READABLE, NOTIFY_FILE_ERROR}) {
         const CFilePool pool;
         SDisk disk;
@@ -176,10 +153,7 @@ TEST(NFile, ClosingInsideEachMessageIsAllowed) {
     }
 }
 
-TEST(NFile, AnOwnerThatIsGoneDoesNotDisturbTheFile) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, AnOwnerThatIsGoneDoesNotDisturbTheFile) {
     CDiskFile file(owner, disk);
     owner.close();
     const std::string text = pattern(10 * BUFFER);
@@ -191,7 +165,7 @@ TEST(NFile, AnOwnerThatIsGoneDoesNotDisturbTheFile) {
     EXPECT_EQ(text, disk.content());
 }
 
-TEST(NFile, DestroyingThePoolRightAfterCloseLosesNothing) {
+TEST(NFileAndPools, DestroyingThePoolRightAfterCloseLosesNothing) {
     for (int turn = 0; turn < 20; ++turn) {
         SDisk disk;
         const std::string text = pattern(4 * BUFFER, static_cast<unsigned>(turn));
@@ -212,10 +186,7 @@ TEST(NFile, DestroyingThePoolRightAfterCloseLosesNothing) {
     }
 }
 
-TEST(NFile, BuffersComeFromThePoolAndGoBack) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, BuffersComeFromThePoolAndGoBack) {
     CNBufPool* blocks = CNBufPool::join();
     {
         CDiskFile file(owner, disk);
@@ -227,10 +198,7 @@ TEST(NFile, BuffersComeFromThePoolAndGoBack) {
     CNBufPool::leave();
 }
 
-TEST(NFile, SetBufferSizeSetsHowMuchAWriteTakes) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, SetBufferSizeSetsHowMuchAWriteTakes) {
     CGate gate;
     disk.on_write = [&] { gate.pass(); };
     CDiskFile file(owner, disk);
@@ -240,14 +208,12 @@ TEST(NFile, SetBufferSizeSetsHowMuchAWriteTakes) {
     gate.open();
 }
 
-TEST(NFile, SetBufferSizeOfZeroMeansFourBuffers) {
-    const CFilePool pool;
-    CFileOwner owner;
+TEST_F(NFile, SetBufferSizeOfZeroMeansFourBuffers) {
     for (const auto& [size, count] : {std::pair{0U, 9U}, std::pair{BUFFER, 0U}}) {
-        SDisk disk;
+        SDisk fresh;
         CGate gate;
-        disk.on_write = [&] { gate.pass(); };
-        CDiskFile file(owner, disk);
+        fresh.on_write = [&] { gate.pass(); };
+        CDiskFile file(owner, fresh);
         EXPECT_EQ(0, file->SetBufferSize(BUFFER, 2));
         EXPECT_EQ(0, file->SetBufferSize(size, count));
         const std::string text = pattern(9 * BUFFER);
@@ -256,10 +222,7 @@ TEST(NFile, SetBufferSizeOfZeroMeansFourBuffers) {
     }
 }
 
-TEST(NFile, SetBufferSizeKeepsWhatWasWrittenAndReadAhead) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, SetBufferSizeKeepsWhatWasWrittenAndReadAhead) {
     disk.fill(pattern(3 * BUFFER));
     CDiskFile file(owner, disk);
     EXPECT_TRUE(file.writeAll("changed"));
@@ -272,20 +235,14 @@ TEST(NFile, SetBufferSizeKeepsWhatWasWrittenAndReadAhead) {
     EXPECT_EQ(disk.content().substr(7), file.readAll(3 * BUFFER));
 }
 
-TEST(NFile, SetBufferSizeOfTheSameCountChangesNothing) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, SetBufferSizeOfTheSameCountChangesNothing) {
     CDiskFile file(owner, disk);
     EXPECT_TRUE(file.writeAll("kept back"));
     EXPECT_EQ(0, file->SetBufferSize(77, 4));
     EXPECT_EQ(0, disk.count("write"));
 }
 
-TEST(NFile, SetBufferSizeOverAFailingDeviceKeepsTheBuffers) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, SetBufferSizeOverAFailingDeviceKeepsTheBuffers) {
     CDiskFile file(owner, disk);
     EXPECT_TRUE(file.writeAll("text"));
     disk.failing_writes = 1;
@@ -295,20 +252,14 @@ TEST(NFile, SetBufferSizeOverAFailingDeviceKeepsTheBuffers) {
     EXPECT_EQ("text", disk.content());
 }
 
-TEST(NFile, SetBufferSizeTakesNoAbsurdNumber) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, SetBufferSizeTakesNoAbsurdNumber) {
     CDiskFile file(owner, disk);
     EXPECT_EQ(-1, file->SetBufferSize(BUFFER, 65'537));
     EXPECT_EQ(-1, file->SetBufferSize(BUFFER, 0xFFFFFFFF));
     EXPECT_TRUE(file.writeAll("text"));
 }
 
-TEST(NFile, SetBufferSizeWithoutMemoryKeepsTheBuffers) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, SetBufferSizeWithoutMemoryKeepsTheBuffers) {
     CDiskFile file(owner, disk);
     EXPECT_TRUE(file.writeAll("text"));
     {
@@ -319,10 +270,7 @@ TEST(NFile, SetBufferSizeWithoutMemoryKeepsTheBuffers) {
     EXPECT_EQ("text", disk.content());
 }
 
-TEST(NFile, ADeviceThatNeedsNoThreadsIsCalledAtOnce) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFile, ADeviceThatNeedsNoThreadsIsCalledAtOnce) {
     disk.needs_aio = false;
     CDiskFile file(owner, disk);
     EXPECT_EQ(5, file->Write("hello", 5));
@@ -339,10 +287,7 @@ TEST(NFile, ADeviceThatNeedsNoThreadsIsCalledAtOnce) {
     for (const unsigned type : {6U, 7U, 8U}) EXPECT_EQ(0, owner.count(type));
 }
 
-TEST(NFile, WithoutFileThreadsTheDeviceIsCalledAtOnce) {
-    const CPublicPool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileDirect, WithoutFileThreadsTheDeviceIsCalledAtOnce) {
     CDiskFile file(owner, disk);
     EXPECT_EQ(5, file->Write("hello", 5));
     EXPECT_EQ("hello", disk.content());
@@ -351,10 +296,7 @@ TEST(NFile, WithoutFileThreadsTheDeviceIsCalledAtOnce) {
     EXPECT_EQ("hello world", disk.content());
 }
 
-TEST(NFile, DirectCallsGoOnUntilAllIsDone) {
-    const CPublicPool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileDirect, DirectCallsGoOnUntilAllIsDone) {
     disk.longest = 3;
     CDiskFile file(owner, disk);
     EXPECT_EQ(10, file->Write("0123456789", 10));
@@ -367,10 +309,7 @@ TEST(NFile, DirectCallsGoOnUntilAllIsDone) {
     EXPECT_STREQ("0123456789", text);
 }
 
-TEST(NFile, ADirectCallStopsAtAFailureWithMessage8) {
-    const CPublicPool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileDirect, ADirectCallStopsAtAFailureWithMessage8) {
     disk.longest = 3;
     disk.bad_from = 6;
     CDiskFile file(owner, disk);
@@ -389,10 +328,7 @@ TEST(NFile, ADirectCallStopsAtAFailureWithMessage8) {
     EXPECT_STREQ("0123456789", text);
 }
 
-TEST(NFile, ADirectWriteThatTakesNothingStopsWithoutAMessage) {
-    const CPublicPool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileDirect, ADirectWriteThatTakesNothingStopsWithoutAMessage) {
     disk.zero_writes = 1;
     CDiskFile file(owner, disk);
     EXPECT_EQ(0, file->Write("0123456789", 10));
@@ -400,14 +336,12 @@ TEST(NFile, ADirectWriteThatTakesNothingStopsWithoutAMessage) {
     EXPECT_EQ(0, owner.count(NOTIFY_FILE_ERROR));
 }
 
-TEST(NFile, NullBuffersAndZeroLengthsAreAnsweredWithMessage8) {
-    const CFilePool pool;
-    CFileOwner owner;
+TEST_F(NFile, NullBuffersAndZeroLengthsAreAnsweredWithMessage8) {
     int expected = 0;
     for (const bool buffered : {true, false}) {
-        SDisk disk;
-        disk.needs_aio = buffered;
-        CDiskFile file(owner, disk);
+        SDisk fresh;
+        fresh.needs_aio = buffered;
+        CDiskFile file(owner, fresh);
         char byte = 'x';
         bool eof = true;
         EXPECT_EQ(0, file->Write(nullptr, 1));
@@ -419,12 +353,12 @@ TEST(NFile, NullBuffersAndZeroLengthsAreAnsweredWithMessage8) {
         EXPECT_TRUE(owner.waitFor(NOTIFY_FILE_ERROR, expected));
         owner.settle();
         EXPECT_EQ(expected, owner.count(NOTIFY_FILE_ERROR));
-        EXPECT_EQ(0, disk.count("write") + disk.count("read"));
+        EXPECT_EQ(0, fresh.count("write") + fresh.count("read"));
         EXPECT_EQ(1, file->Write(&byte, 1));  // nothing awaited, nothing lost
     }
 }
 
-TEST(NFile, ADirectFileThatBecomesBufferedGoesOnWhereItWas) {
+TEST(NFileAndPools, ADirectFileThatBecomesBufferedGoesOnWhereItWas) {
     auto first = std::make_unique<CPublicPool>();
     CFileOwner owner;
     SDisk disk;
@@ -444,7 +378,7 @@ TEST(NFile, ADirectFileThatBecomesBufferedGoesOnWhereItWas) {
     first.reset();
 }
 
-TEST(NFile, FilesComeAndGoWithPools200Times) {
+TEST(NFileAndPools, FilesComeAndGoWithPools200Times) {
     for (unsigned turn = 0; turn < 200; ++turn) {
         EXPECT_EQ(0, CNetThread::CreateThreadPool(1, (turn & 1U) != 0));
         const int number = CNetThread::CreatePrivatePool(1, (turn & 2U) != 0);

@@ -10,6 +10,8 @@ namespace {
 
 using namespace TestSupport;
 
+class NFileWrite : public CFileTest<CFilePool> {};
+
 int write(CDiskFile& file, const std::string& text) {
     return file->Write(text.data(), static_cast<unsigned>(text.size()));
 }
@@ -34,10 +36,7 @@ struct SHeld {
     }
 };
 
-TEST(NFileWrite, ASmallWriteStaysInItsBuffer) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, ASmallWriteStaysInItsBuffer) {
     CDiskFile file(owner, disk);
     EXPECT_EQ(5, write(file, "hello"));
     EXPECT_EQ(6, write(file, " world"));
@@ -47,10 +46,7 @@ TEST(NFileWrite, ASmallWriteStaysInItsBuffer) {
     EXPECT_EQ("hello world", disk.content());
 }
 
-TEST(NFileWrite, AWriteThatEndsAtABuffersEndIsSubmittedAtOnce) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, AWriteThatEndsAtABuffersEndIsSubmittedAtOnce) {
     CDiskFile file(owner, disk);
     const std::string text = pattern(BUFFER);
     EXPECT_EQ(static_cast<int>(BUFFER), write(file, text));
@@ -60,16 +56,13 @@ TEST(NFileWrite, AWriteThatEndsAtABuffersEndIsSubmittedAtOnce) {
     EXPECT_EQ((std::vector<std::string>{"write 0+131072", "write 131072+1"}), disk.callsOf("write"));
 }
 
-TEST(NFileWrite, OneByteLessIsKept) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, OneByteLessIsKept) {
     CDiskFile file(owner, disk);
     EXPECT_EQ(static_cast<int>(BUFFER - 1), write(file, pattern(BUFFER - 1)));
     EXPECT_EQ(0, disk.count("seek"));
 }
 
-TEST(NFileWrite, TakesWhatFitsAndTellsWhenToGoOn) {
+TEST(NFileWriteHeld, TakesWhatFitsAndTellsWhenToGoOn) {
     SHeld held;
     const std::string text = pattern(6 * BUFFER);
     EXPECT_EQ(static_cast<int>(4 * BUFFER), write(*held, text));
@@ -84,7 +77,7 @@ TEST(NFileWrite, TakesWhatFitsAndTellsWhenToGoOn) {
     EXPECT_EQ(1, held.owner.count(NOTIFY_FILE_WRITABLE));
 }
 
-TEST(NFileWrite, WhileAMessageIsAwaitedEvenNullIsNoError) {
+TEST(NFileWriteHeld, WhileAMessageIsAwaitedEvenNullIsNoError) {
     SHeld held;
     EXPECT_EQ(static_cast<int>(4 * BUFFER), write(*held, pattern(5 * BUFFER)));
     EXPECT_EQ(0, (*held)->Write(nullptr, 0));
@@ -94,7 +87,7 @@ TEST(NFileWrite, WhileAMessageIsAwaitedEvenNullIsNoError) {
     EXPECT_EQ(0, held.owner.count(NOTIFY_FILE_ERROR));
 }
 
-TEST(NFileWrite, BuffersAreWrittenInTheOrderOfTheirPlaces) {
+TEST(NFileWriteHeld, BuffersAreWrittenInTheOrderOfTheirPlaces) {
     SHeld held(std::string(8 * BUFFER, '.'));
     // Read-ahead in between leaves partly written buffers behind.
     EXPECT_EQ(static_cast<int>(BUFFER), write(*held, std::string(BUFFER, 'a')));
@@ -110,7 +103,7 @@ TEST(NFileWrite, BuffersAreWrittenInTheOrderOfTheirPlaces) {
               held.disk.callsOf("write"));
 }
 
-TEST(NFileWrite, AWriteIntoABufferThatIsBeingWrittenWaits) {
+TEST(NFileWriteHeld, AWriteIntoABufferThatIsBeingWrittenWaits) {
     SHeld held;
     EXPECT_EQ(5, write(*held, "first"));
     (*held)->Seek(0, 0);
@@ -123,7 +116,7 @@ TEST(NFileWrite, AWriteIntoABufferThatIsBeingWrittenWaits) {
     EXPECT_EQ("SECOND", held.disk.content());
 }
 
-TEST(NFileWrite, AWriteUpToABusyBufferReturnsShort) {
+TEST(NFileWriteHeld, AWriteUpToABusyBufferReturnsShort) {
     SHeld held;
     (*held)->Seek(1000, 0);
     EXPECT_EQ(4, write(*held, "busy"));
@@ -138,7 +131,7 @@ TEST(NFileWrite, AWriteUpToABusyBufferReturnsShort) {
     EXPECT_EQ("0123456789WXYZ!", held.disk.content().substr(990));
 }
 
-TEST(NFileWrite, AWriteBehindABusyBufferDoesNotWait) {
+TEST(NFileWriteHeld, AWriteBehindABusyBufferDoesNotWait) {
     SHeld held;
     EXPECT_EQ(5, write(*held, "hello"));
     (*held)->Seek(0, 1);
@@ -149,12 +142,10 @@ TEST(NFileWrite, AWriteBehindABusyBufferDoesNotWait) {
     EXPECT_EQ("hello world", held.disk.content());
 }
 
-TEST(NFileWrite, WhatIsWrittenLaterStandsWhateverTheOrderOfPlaces) {
-    const CFilePool pool;
-    CFileOwner owner;
+TEST_F(NFileWrite, WhatIsWrittenLaterStandsWhateverTheOrderOfPlaces) {
     for (const int gap : {-1, 1, 100, static_cast<int>(BUFFER) - 1, static_cast<int>(BUFFER)}) {
-        SDisk disk;
-        CDiskFile file(owner, disk);
+        SDisk fresh;
+        CDiskFile file(owner, fresh);
         std::string expected(4 * BUFFER, '\0');
         const auto put = [&](std::int64_t offset, const std::string& text) {
             EXPECT_EQ(0, file->Seek(offset, 0));
@@ -166,14 +157,11 @@ TEST(NFileWrite, WhatIsWrittenLaterStandsWhateverTheOrderOfPlaces) {
         put(BUFFER, pattern(BUFFER, 2));
         put(BUFFER - gap, pattern(BUFFER, 3));
         file.close();
-        EXPECT_EQ(expected, disk.content()) << gap;
+        EXPECT_EQ(expected, fresh.content()) << gap;
     }
 }
 
-TEST(NFileWrite, BuffersLeftBehindByReadsMakeRoomForAWrite) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, BuffersLeftBehindByReadsMakeRoomForAWrite) {
     disk.fill(std::string(64 * BUFFER, '.'));
     CDiskFile file(owner, disk);
     std::string expected = disk.content();
@@ -187,10 +175,7 @@ TEST(NFileWrite, BuffersLeftBehindByReadsMakeRoomForAWrite) {
     EXPECT_EQ(expected, disk.content());
 }
 
-TEST(NFileWrite, AShortDeviceGetsTheRestInFurtherCalls) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, AShortDeviceGetsTheRestInFurtherCalls) {
     disk.longest = 50'000;
     CDiskFile file(owner, disk);
     const std::string text = pattern(BUFFER);
@@ -201,10 +186,7 @@ TEST(NFileWrite, AShortDeviceGetsTheRestInFurtherCalls) {
     EXPECT_EQ(text, disk.content());
 }
 
-TEST(NFileWrite, AFailureIsToldOnceAndTheBytesAreTriedAgainAtTheNextFlush) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, AFailureIsToldOnceAndTheBytesAreTriedAgainAtTheNextFlush) {
     disk.failing_writes = 1;
     CDiskFile file(owner, disk);
     EXPECT_EQ(5, write(file, "hello"));
@@ -220,10 +202,7 @@ TEST(NFileWrite, AFailureIsToldOnceAndTheBytesAreTriedAgainAtTheNextFlush) {
     EXPECT_EQ("hello world", disk.content());
 }
 
-TEST(NFileWrite, AFailedSeekOfTheDeviceIsAFailure) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, AFailedSeekOfTheDeviceIsAFailure) {
     disk.failing_seeks = 1;
     CDiskFile file(owner, disk);
     EXPECT_EQ(5, write(file, "hello"));
@@ -234,10 +213,7 @@ TEST(NFileWrite, AFailedSeekOfTheDeviceIsAFailure) {
     EXPECT_EQ("hello", disk.content());
 }
 
-TEST(NFileWrite, ADeviceThatTakesNothingHasFailed) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, ADeviceThatTakesNothingHasFailed) {
     disk.zero_writes = 1;
     CDiskFile file(owner, disk);
     EXPECT_EQ(5, write(file, "hello"));
@@ -247,10 +223,7 @@ TEST(NFileWrite, ADeviceThatTakesNothingHasFailed) {
     EXPECT_EQ("hello", disk.content());
 }
 
-TEST(NFileWrite, AWriterThatWaitsHearsOfTheFailureAndMayTryAgain) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, AWriterThatWaitsHearsOfTheFailureAndMayTryAgain) {
     disk.bad_from = 0;
     CDiskFile file(owner, disk);
     const std::string text = pattern(5 * BUFFER);
@@ -272,10 +245,7 @@ TEST(NFileWrite, AWriterThatWaitsHearsOfTheFailureAndMayTryAgain) {
     EXPECT_EQ(text, disk.content());
 }
 
-TEST(NFileWrite, ABadPlaceOfTheDeviceLeavesTheRestUsable) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, ABadPlaceOfTheDeviceLeavesTheRestUsable) {
     disk.fill(std::string(8 * BUFFER, '.'));
     disk.bad_from = 4 * BUFFER;
     CDiskFile file(owner, disk);
@@ -293,10 +263,7 @@ TEST(NFileWrite, ABadPlaceOfTheDeviceLeavesTheRestUsable) {
     EXPECT_EQ(text + std::string(4 * BUFFER, '.'), disk.content());
 }
 
-TEST(NFileWrite, ALastFailureAtCloseIsToldOnceAndTheFileEnds) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, ALastFailureAtCloseIsToldOnceAndTheFileEnds) {
     disk.bad_from = 0;
     CDiskFile file(owner, disk);
     EXPECT_EQ(5, write(file, "hello"));
@@ -307,10 +274,7 @@ TEST(NFileWrite, ALastFailureAtCloseIsToldOnceAndTheFileEnds) {
     EXPECT_EQ(1, disk.closes.load());
 }
 
-TEST(NFileWrite, CloseTriesEveryBufferThatIsLeft) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, CloseTriesEveryBufferThatIsLeft) {
     CDiskFile file(owner, disk);
     disk.failing_writes = 1;
     EXPECT_EQ(5, write(file, "first"));
@@ -323,10 +287,7 @@ TEST(NFileWrite, CloseTriesEveryBufferThatIsLeft) {
     EXPECT_EQ(std::string(4 * BUFFER, '\0') + "second", disk.content());
 }
 
-TEST(NFileWrite, WithoutMemoryForABufferMessage8Follows) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, WithoutMemoryForABufferMessage8Follows) {
     CDiskFile file(owner, disk);
     keepRecordsForMessages();
     CNBufPool* blocks = CNBufPool::join();
@@ -344,10 +305,7 @@ TEST(NFileWrite, WithoutMemoryForABufferMessage8Follows) {
     CNBufPool::leave();
 }
 
-TEST(NFileWrite, TheDeviceIsNeverCalledTwiceAtOnce) {
-    const CFilePool pool;
-    CFileOwner owner;
-    SDisk disk;
+TEST_F(NFileWrite, TheDeviceIsNeverCalledTwiceAtOnce) {
     disk.fill(pattern(16 * BUFFER));
     CDiskFile file(owner, disk);
     for (int i = 0; i < 50; ++i) {
