@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <limits>
+#include <memory>
 #include <new>
 
 namespace {
@@ -18,6 +19,22 @@ void* allocate(std::size_t size) {
     if (t_left == 0) return nullptr;
     if (t_left != PLENTY) --t_left;
     return std::malloc(size > 0 ? size : 1);
+}
+
+/// Within a larger block, whose address stands in front of what is returned.
+void* allocateAligned(std::size_t size, std::align_val_t alignment) {
+    const auto step = static_cast<std::size_t>(alignment);
+    void* const block = allocate(size + step + sizeof(void*));
+    if (block == nullptr) return nullptr;
+    void* memory = static_cast<void**>(block) + 1;
+    std::size_t room = size + step;
+    memory = std::align(step, size, memory, room);
+    static_cast<void**>(memory)[-1] = block;
+    return memory;
+}
+
+void freeAligned(void* memory) {
+    if (memory != nullptr) std::free(static_cast<void**>(memory)[-1]);
 }
 
 }  // namespace
@@ -50,6 +67,23 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
     return ::operator new(size, std::nothrow);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    void* memory = allocateAligned(size, alignment);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    return allocateAligned(size, alignment);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+    freeAligned(memory);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+    freeAligned(memory);
+}
+void operator delete(void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
+    freeAligned(memory);
 }
 
 namespace Veltro::TestSupport {
