@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "Core/EventPool.h"
 #include "Plinth/FailingAllocator.h"
 #include "Support/LogCapture.h"
 #include "Tool/StreamSenders.h"
@@ -426,6 +427,8 @@ TEST_F(StreamSender, WithoutMemoryForTheRestOfABlockTheStreamHasFailed) {
 
 TEST_F(StreamSender, WithoutMemoryForTheRestOfABlockTheFailureIsReported) {
     script.setRoom(2);
+    // The message's record is one of those that are free already.
+    CEventPool::put(CEventPool::get(EVENT_KEY_MESSAGE));
     {
         CLastLine line;
         const CFailingAllocator none;
