@@ -204,48 +204,46 @@ TEST(NetSockTimeout, RegisteredAgainFromOutsideItComesToLife) {
     handler->RemoveSock(pair.server);
 }
 
+namespace {
+/// What stands of a time-out that is registered in a callback which returns 0: then, and afterwards.
+struct SRegisteredInside {
+    SRegisteredInside(int before_us, int inside_us) {
+        const CPublicPool pool;
+        Plinth::CSemaphore done;
+        CScopedHandler handler;
+        SSocketPair pair;
+        const int fd = pair.server.GetHandle();
+        handler->on_input = [&](int input_fd) {
+            EXPECT_EQ(1, drain(input_fd));
+            EXPECT_EQ(0, handler->RegisterSock(pair.server, EventMask::Read, inside_us));
+            inside = sockState(fd);
+            done.post();
+            return 0;
+        };
+        handler->RegisterSock(pair.server, EventMask::Read, before_us);
+        sendByte(pair.client);
+        EXPECT_TRUE(pend(done));
+        EXPECT_TRUE(waitUntil([fd] { return isIdle(fd); }));
+        afterwards = sockState(fd);
+        handler->RemoveSock(pair.server);
+    }
+    SSockState inside;
+    SSockState afterwards;
+};
+}  // namespace
+
 TEST(NetSockTimeout, RegisteredInsideANetworkCallbackThatReturnsZeroItTakesEffect) {
-    const CPublicPool pool;
-    Plinth::CSemaphore done;
-    CScopedHandler handler;
-    SSocketPair pair;
-    const int fd = pair.server.GetHandle();
-    handler->on_input = [&](int input_fd) {
-        EXPECT_EQ(1, drain(input_fd));
-        EXPECT_EQ(0, handler->RegisterSock(pair.server, EventMask::Read, 40'000'000));
-        EXPECT_FALSE(sockState(fd).in_list);
-        done.post();
-        return 0;
-    };
-    handler->RegisterSock(pair.server, EventMask::Read, 0);
-    sendByte(pair.client);
-    EXPECT_TRUE(pend(done));
-    EXPECT_TRUE(waitUntil([fd] { return isIdle(fd); }));
-    EXPECT_TRUE(sockState(fd).in_list);
-    EXPECT_EQ(40'000, sockState(fd).set_time);
-    handler->RemoveSock(pair.server);
+    const SRegisteredInside registered(0, 40'000'000);
+    EXPECT_FALSE(registered.inside.in_list);
+    EXPECT_TRUE(registered.afterwards.in_list);
+    EXPECT_EQ(40'000, registered.afterwards.set_time);
 }
 
 TEST(NetSockTimeout, ANegativeOneRegisteredInsideACallbackThatReturnsZeroDropsIt) {
-    const CPublicPool pool;
-    Plinth::CSemaphore done;
-    CScopedHandler handler;
-    SSocketPair pair;
-    const int fd = pair.server.GetHandle();
-    handler->on_input = [&](int input_fd) {
-        EXPECT_EQ(1, drain(input_fd));
-        EXPECT_EQ(0, handler->RegisterSock(pair.server, EventMask::Read, -40'000'000));
-        EXPECT_EQ(-40'000, sockState(fd).set_time);
-        done.post();
-        return 0;
-    };
-    handler->RegisterSock(pair.server, EventMask::Read, 60'000'000);
-    sendByte(pair.client);
-    EXPECT_TRUE(pend(done));
-    EXPECT_TRUE(waitUntil([fd] { return isIdle(fd); }));
-    EXPECT_FALSE(sockState(fd).in_list);
-    EXPECT_EQ(0, sockState(fd).set_time);
-    handler->RemoveSock(pair.server);
+    const SRegisteredInside registered(60'000'000, -40'000'000);
+    EXPECT_EQ(-40'000, registered.inside.set_time);
+    EXPECT_FALSE(registered.afterwards.in_list);
+    EXPECT_EQ(0, registered.afterwards.set_time);
 }
 
 TEST(NetSockTimeout, RegisteringWithoutOneDropsAnEarlierOne) {
