@@ -6,10 +6,6 @@
 
 #include <cstring>
 
-#include <Ravelo/SockAcceptor.h>
-#include <Ravelo/SockAddrIPv4.h>
-#include <Ravelo/SockStream.h>
-
 #include "Core/Select.h"
 #include "Core/WakePipe.h"
 #include "Log.h"
@@ -58,20 +54,6 @@ bool isSocket(SOCKET fd) {
     return ::getsockopt(fd, SOL_SOCKET, SO_TYPE, reinterpret_cast<char*>(&type), &length) == 0;
 }
 
-int createPair(CSockAcceptor& listener, CSockStream& writer, CSockStream& reader, bool block) {
-    CSockAddrIPv4 address("127.0.0.1", 0);
-    if (listener.Open(address) != 0 || listener.GetLocalAddr(&address) != 0) return -1;
-    listener.SetBlockOpt(true);
-    writer.SetBlockOpt(true);
-    if (writer.Connect(address) != 0 || listener.Accept(reader) != 0) return -1;
-    reader.SetBlockOpt(block);
-    writer.SetBlockOpt(block);
-    SocketApi::setNonBlocking(reader.GetHandle(), !block);
-    SocketApi::setNonBlocking(writer.GetHandle(), !block);
-    writer.SetSockNoDelay(true);
-    return 0;
-}
-
 }  // namespace
 
 struct CMultiplexer::SImpl {
@@ -111,16 +93,6 @@ CMultiplexer::CMultiplexer(unsigned pool_number, unsigned capacity)
     : m_impl(std::make_unique<SImpl>(pool_number, capacity)) {}
 
 CMultiplexer::~CMultiplexer() = default;
-
-int CWINPipe::Create(bool block) {
-    CSockAcceptor listener;
-    CSockStream writer;
-    CSockStream reader;
-    if (createPair(listener, writer, reader, block) != 0) return -1;
-    m_read_fd = reader.Detach();
-    m_write_fd = writer.Detach();
-    return 0;
-}
 
 int CMultiplexer::Init() {
     if (m_impl->wake_pipe.Create() != 0) {
