@@ -19,8 +19,8 @@ struct SBioKind {
     std::atomic<BIO_METHOD*> method{nullptr};
 };
 
-/// A kind's method for OpenSSL: made at the first use for which there is memory, by any thread; lives as long as
-/// the process. Null without memory.
+/// A kind's method for OpenSSL: made at the first use for which there is memory, by any thread; lives as long
+/// as the process. Null without memory.
 const BIO_METHOD* bioMethod(SBioKind* kind);
 
 /// The state that createBio() gave a BIO.
