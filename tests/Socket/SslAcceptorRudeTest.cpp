@@ -43,9 +43,11 @@ struct SPatientServer : STlsServer {
         EXPECT_EQ(1U, log.lines().size()) << what;
     }
     /// A good client that comes next.
-    void serveOne(const std::string& after) {
+    /// @param own its certificate, or null; becomes the client's.
+    void serveOne(const std::string& after, CSslX509* own = nullptr) {
         CSslStream server;
         CSslStream client;
+        if (own != nullptr) client.SetOption(SslOptCert, SslCertOwn, own);
         setTimeout(20'000);
         EXPECT_TRUE(serve(server, client)) << "after " << after;
         setTimeout(TIMEOUT_MS);
@@ -147,7 +149,10 @@ void stopAfterEachMessage(int version, bool shows_certificate) {
                 half.send(records);
                 if (hangs_up) half.hangUp();
             });
-            listener.refuse(std::to_string(records) + (hangs_up ? " records and an end" : " records"));
+            const std::string what =
+                std::to_string(records) + (hangs_up ? " records and an end" : " records");
+            listener.refuse(what);
+            listener.serveOne(what, shows_certificate ? ownCertificate("client") : nullptr);
         }
     }
 }
