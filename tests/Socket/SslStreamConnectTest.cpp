@@ -13,6 +13,7 @@
 #include "Support/LogCapture.h"
 #include "Support/ProcessSettings.h"
 #include "Support/RawTls.h"
+#include "Support/ScriptedCall.h"
 #include "Support/TlsPair.h"
 
 namespace Veltro::Ravelo {
@@ -558,6 +559,26 @@ TEST(SslStreamConnect, TimeOutsThatCannotBeSetAreLogged) {
                                             "], send_t[5000], recv_t[5000], errno:"));
     EXPECT_EQ(1, log.count(LEVEL_ERROR, "], send_t[0], recv_t[0], errno:"));
     stream.Detach();
+}
+
+TEST(SslStreamConnect, ASendTimeOutThatCannotBeSetIsLogged) {
+    STlsServer listener;
+    CSslStream server;
+    CSslStream client;
+    const CLogCapture log;
+    CRunner runner([&] { EXPECT_EQ(0, listener.acceptor.Accept(server)); });
+    {
+        using TestSupport::CScriptedCall;
+        const CScriptedCall refused(CScriptedCall::EFunction::SET_SEND_TIMEOUT, -1);
+        EXPECT_EQ(0, client.Connect(listener.address));
+        EXPECT_EQ(2, refused.count());
+    }
+    runner.join();
+    EXPECT_EQ(2, log.count(LEVEL_ERROR, "set_sock_timeout :Set SO_SNDTIMEO failed! fd[" +
+                                            std::to_string(client.GetHandle()) + "], send_t["));
+    const std::string error = "errno:" + std::to_string(SocketApi::resetError()) + ",";
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], send_t[5000], recv_t[5000], " + error));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], send_t[0], recv_t[0], " + error));
 }
 
 }  // namespace
