@@ -45,10 +45,10 @@ bool CScriptedCall::answer(EFunction function, int* result) {
 // The linker leads calls of the functions here, and those of the __real_ names to the bodies.
 
 // The name of SocketApi::waitOne() depends on what a 64-bit number is made of.
-int realWaitOne(int fd, unsigned wanted, std::int64_t timeout_us, unsigned* ready) __asm__(
-    "__real_" RAVELO_WAIT_ONE);
-int wrapWaitOne(int fd, unsigned wanted, std::int64_t timeout_us, unsigned* ready) __asm__(
-    "__wrap_" RAVELO_WAIT_ONE);
+int realWaitOne(int fd, unsigned wanted, std::int64_t timeout_us,
+                unsigned* ready) __asm__("__real_" RAVELO_WAIT_ONE);
+int wrapWaitOne(int fd, unsigned wanted, std::int64_t timeout_us,
+                unsigned* ready) __asm__("__wrap_" RAVELO_WAIT_ONE);
 
 int wrapWaitOne(int fd, unsigned wanted, std::int64_t timeout_us, unsigned* ready) {
     int result = 0;
