@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <Ravelo/SockAddrStorage.h>
 #include "Socket/SslX509Record.h"
@@ -531,15 +532,34 @@ TEST(SslStreamConnect, ARejectedListIsLoggedAndTheDefaultOneCounts) {
     EXPECT_EQ(TLS1_2_VERSION, SSL_version(sslOf(client)));
 }
 
+std::vector<std::string> cipherNames(SSL* ssl) {
+    std::vector<std::string> names;
+    const STACK_OF(SSL_CIPHER)* ciphers = SSL_get_ciphers(ssl);
+    for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i)
+        names.emplace_back(SSL_CIPHER_get_name(sk_SSL_CIPHER_value(ciphers, i)));
+    return names;
+}
+
+TEST(SslStreamConnect, BothEndsHaveTheDefaultList) {
+    const TSslConnection expected(SSL_new(TestSupport::rawClientContext().get()));
+    ASSERT_EQ(1,
+              SSL_set_cipher_list(expected.get(), "ALL:!EXPORT:!LOW:!aNULL:!eNULL:!SSLv2:!DES:!RC4:!3DES"));
+    STlsServer listener;
+    CSslStream server;
+    CSslStream client;
+    ASSERT_TRUE(listener.serve(server, client));
+    EXPECT_EQ(cipherNames(expected.get()), cipherNames(sslOf(client)));
+    EXPECT_EQ(cipherNames(expected.get()), cipherNames(sslOf(server)));
+}
+
 TEST(SslStreamConnect, TheDefaultCiphersHoldNoneThatIsWeak) {
     STlsServer listener;
     CSslStream server;
     CSslStream client;
     ASSERT_TRUE(listener.serve(server, client));
-    const STACK_OF(SSL_CIPHER)* ciphers = SSL_get_ciphers(sslOf(client));
-    ASSERT_GT(sk_SSL_CIPHER_num(ciphers), 10);
-    for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i) {
-        const std::string name = SSL_CIPHER_get_name(sk_SSL_CIPHER_value(ciphers, i));
+    const std::vector<std::string> names = cipherNames(sslOf(client));
+    ASSERT_GT(names.size(), 10U);
+    for (const std::string& name : names) {
         EXPECT_EQ(std::string::npos, name.find("RC4")) << name;
         EXPECT_EQ(std::string::npos, name.find("DES-")) << name;
         EXPECT_EQ(std::string::npos, name.find("NULL")) << name;

@@ -324,6 +324,7 @@ TEST(SslStreamSessionNumber, TheFirstOneDrawnIsOne) {
     std::uint32_t number = 0;
     EXPECT_FALSE(listener.converse(SslSessionByNumber, &number));
     EXPECT_EQ(1U, number);
+    EXPECT_TRUE(has(CSslStream::s_session_cache_ticket, "#1"));
     EXPECT_TRUE(listener.converse(SslSessionByNumber, &number));
     EXPECT_EQ(1U, number);
 }
