@@ -86,14 +86,8 @@ int CSslAcceptor::SetOption(int option, int type, void* value) {
 
 int CSslAcceptor::SetOption(int option, int type, void* value, int len) {
     if (m_internal == nullptr) return -1;
-    switch (option) {
-        case SslOptCipherList:
-            return m_internal->copyCipherList(type, value, len);
-        case SslOptKeyPasswd:
-            return m_internal->setPassword(value, len);
-        default:
-            return SetOption(option, type, value);
-    }
+    const std::optional<int> set = m_internal->setSized(option, type, value, len);
+    return set ? *set : SetOption(option, type, value);
 }
 
 int CSslAcceptor::option_valid() {

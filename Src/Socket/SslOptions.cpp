@@ -67,6 +67,17 @@ int SSslOptions::setPassword(const void* bytes, int length) {
     return 0;
 }
 
+std::optional<int> SSslOptions::setSized(int option, int type, const void* value, int length) {
+    switch (option) {
+        case SslOptCipherList:
+            return copyCipherList(type, value, length);
+        case SslOptKeyPasswd:
+            return setPassword(value, length);
+        default:
+            return std::nullopt;
+    }
+}
+
 std::uint32_t optionNumber(const void* value) {
     std::uint32_t number = 0;
     if (value != nullptr) std::memcpy(&number, value, sizeof(number));

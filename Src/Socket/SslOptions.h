@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "Socket/SslContext.h"
 
@@ -38,6 +39,8 @@ struct SSslOptions {
     int setTimeout(int type, const void* value, int counts_for);
     int setPassword(const void* text);
     int setPassword(const void* bytes, int length);
+    /// Sets an option that comes with its value's length. @return nothing for those that heed none.
+    std::optional<int> setSized(int option, int type, const void* value, int length);
 };
 
 /// The 32-bit number that an option's value points at, which may lie anywhere; 0 for null.

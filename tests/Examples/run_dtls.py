@@ -66,8 +66,8 @@ def own(options, name):
 
 
 @contextlib.contextmanager
-def our_server(options, *authority):
-    with Running(example(options, "server", 0, *own(options, "server"), *authority)) as server:
+def our_server(options, *authority, name="server"):
+    with Running(example(options, "server", 0, *own(options, name), *authority)) as server:
         server.port = int(server.hear("listening on 127.0.0.1:").rsplit(":", 1)[1])
         yield server
 
@@ -76,6 +76,12 @@ def their_client(options, port, *arguments):
     # Without -brief it says whether it has resumed.
     return Running([options.openssl, "s_client", "-dtls1_2", "-connect", f"127.0.0.1:{port}", "-CAfile",
                     certificate(options, "root_ca"), "-verify_return_error", *arguments])
+
+
+def shown(options, name):
+    """What openssl's client is told to show its certificate."""
+    return ["-cert", certificate(options, name), "-key", certificate(options, name + "_key"), "-cert_chain",
+            certificate(options, "intermediate_1")]
 
 
 def free_port():
@@ -114,15 +120,30 @@ def ClientOfOpensslGetsItsLineBack(options):
 
 def ClientOfOpensslShowsItsCertificate(options):
     with our_server(options, certificate(options, "root_ca")) as server:
-        shown = ["-cert", certificate(options, "client"), "-key", certificate(options, "client_key"),
-                 "-cert_chain", certificate(options, "intermediate_1")]
-        echo_with(options, server.port, "New", *shown)
+        echo_with(options, server.port, "New", *shown(options, "client"))
 
 
 def ClientOfOpensslWithoutACertificateIsRefused(options):
     with our_server(options, certificate(options, "root_ca")) as server:
         with their_client(options, server.port):
             server.hear("peer did not return a certificate")
+
+
+def ClientsOfOpensslWithTheWrongCertificatesAreRefused(options):
+    with our_server(options, certificate(options, "root_ca")) as server:
+        for name in ("expired", "other_server"):
+            with their_client(options, server.port, *shown(options, name)):
+                server.hear("certificate verify failed")
+        # Who comes next is served.
+        echo_with(options, server.port, "New", *shown(options, "client"))
+
+
+def ClientOfOpensslRefusesTheWrongServers(options):
+    for name, authority in (("server", "other_ca"), ("expired", "root_ca")):
+        with our_server(options, name=name) as server:
+            with their_client(options, server.port, "-CAfile", certificate(options, authority)) as client:
+                client.hear("verify error")
+                assert client.process.wait(PATIENCE) == 1
 
 
 def resume(options, *arguments):
@@ -168,6 +189,14 @@ def ServerOfOpensslSeesOurCertificate(options):
             server.hear("subject=C = GB", "CN = client")
             answer(server, "question")
             client.hear("answer to question")
+
+
+def ServerOfOpensslRefusesOurWrongCertificates(options):
+    checks = ["-Verify", "3", "-verify_return_error", "-CAfile", certificate(options, "root_ca")]
+    for certificates in ([], own(options, "expired"), own(options, "other_server")):
+        with their_server(options, *checks) as server:
+            with our_client(options, server.port, "question", *certificates) as client:
+                assert client.process.wait(PATIENCE) == 1, certificates
 
 
 def ServerOfOpensslThatNobodyKnowsIsRefused(options):

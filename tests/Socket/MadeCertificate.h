@@ -34,4 +34,17 @@ inline void setOwn(CSslX509& object, TCertificate cert) {
     ASSERT_EQ(0, SSslX509Record::setCert(object, std::move(cert)));
 }
 
+/// An object that a number counts when it is destroyed.
+inline CSslX509* makeCounted(int* destroyed) {
+    const auto count = [](void*, void* number, CRYPTO_EX_DATA*, int, long, void*) {
+        if (number != nullptr) ++*static_cast<int*>(number);
+    };
+    static const int s_index = X509_get_ex_new_index(0, nullptr, nullptr, nullptr, count);
+    TCertificate cert = makeCertificate({});
+    EXPECT_EQ(1, X509_set_ex_data(cert.get(), s_index, destroyed));
+    auto* object = new CSslX509;
+    EXPECT_EQ(0, SSslX509Record::setCert(*object, std::move(cert)));
+    return object;
+}
+
 }  // namespace Veltro::Ravelo

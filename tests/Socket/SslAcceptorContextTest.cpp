@@ -11,6 +11,7 @@
 #include "Socket/SslX509Record.h"
 #include "Support/LogCapture.h"
 #include "Support/RawTls.h"
+#include "Support/ScriptedCall.h"
 #include "Support/TlsPair.h"
 
 namespace Veltro::Ravelo {
@@ -21,6 +22,7 @@ using TestSupport::contextOf;
 using TestSupport::CPemFolder;
 using TestSupport::CRawTls;
 using TestSupport::CRunner;
+using TestSupport::CScriptedCall;
 using TestSupport::heapText;
 using TestSupport::ownCertificate;
 using TestSupport::sslOf;
@@ -361,6 +363,37 @@ TEST(SslAcceptorContext, TimeOutsThatCannotBeSetAreLogged) {
     EXPECT_EQ(1, log.count(LEVEL_ERROR, "set_sock_timeout :Set SO_RCVTIMEO failed! fd[" + std::to_string(fd) +
                                             "], send_t:1000, send_t:1000, error:"));
     EXPECT_EQ(1, log.count(LEVEL_ERROR, "Accept : SSL_accept failed, fd["));
+}
+
+TEST(SslAcceptorContext, ASendTimeOutThatCannotBeSetIsLogged) {
+    STlsServer listener;
+    listener.setTimeout(1000);
+    CSockStream client;
+    ASSERT_EQ(0, client.Connect(listener.address));
+    client.Close();
+    CSslStream server;
+    const CLogCapture log;
+    const CScriptedCall refused(CScriptedCall::EFunction::SET_SEND_TIMEOUT, -1);
+    EXPECT_EQ(-1, listener.acceptor.Accept(server));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "set_sock_timeout :Set SO_SNDTIMEO failed! fd["));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], send_t:1000, send_t:1000, error:" +
+                                            std::to_string(SocketApi::resetError()) + ", "));
+}
+
+TEST(SslAcceptorContext, GroupsThatCannotBeSetAreLoggedAndOpenSslsOwnCount) {
+    STlsServer listener;
+    CSslStream client;
+    CSslStream server;
+    const CLogCapture log;
+    CRunner runner([&] {
+        const CScriptedCall refused(CScriptedCall::EFunction::SET_GROUPS, 0);
+        EXPECT_EQ(0, listener.acceptor.Accept(server));
+        EXPECT_EQ(1, refused.count());
+    });
+    EXPECT_EQ(0, client.Connect(listener.address));
+    runner.join();
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "key_exchange_setup : Error EC CIPHER context!\n"));
+    EXPECT_EQ(1U, log.lines().size());
 }
 
 }  // namespace

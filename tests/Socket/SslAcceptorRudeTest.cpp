@@ -43,9 +43,11 @@ struct SPatientServer : STlsServer {
         EXPECT_EQ(1U, log.lines().size()) << what;
     }
     /// A good client that comes next.
-    void serveOne(const std::string& after) {
+    /// @param own its certificate, or null; becomes the client's.
+    void serveOne(const std::string& after, CSslX509* own = nullptr) {
         CSslStream server;
         CSslStream client;
+        if (own != nullptr) client.SetOption(SslOptCert, SslCertOwn, own);
         setTimeout(20'000);
         EXPECT_TRUE(serve(server, client)) << "after " << after;
         setTimeout(TIMEOUT_MS);
@@ -147,7 +149,10 @@ void stopAfterEachMessage(int version, bool shows_certificate) {
                 half.send(records);
                 if (hangs_up) half.hangUp();
             });
-            listener.refuse(std::to_string(records) + (hangs_up ? " records and an end" : " records"));
+            const std::string what =
+                std::to_string(records) + (hangs_up ? " records and an end" : " records");
+            listener.refuse(what);
+            listener.serveOne(what, shows_certificate ? ownCertificate("client") : nullptr);
         }
     }
 }
@@ -257,11 +262,19 @@ TEST(SslAcceptorRude, TwoHundredAtOnceCostALineEach) {
     STlsServer listener;
     listener.setTimeout(20);
     TestSupport::watchPipeSignal();
+    const TSslContext ctx = TestSupport::rawClientContext();
     std::vector<std::unique_ptr<CSockStream>> crowd;
+    std::vector<std::unique_ptr<CHalfClient>> halves;
+    const std::string requests[] = {"", "GET / HTTP/1.1\r\n\r\n", std::string("\x16\x03\x01\x02\x00\x01", 6)};
     for (int i = 0; i < CROWD; ++i) {
-        const std::string requests[] = {"", "GET / HTTP/1.1\r\n\r\n",
-                                        std::string("\x16\x03\x01\x02\x00\x01", 6)};
-        crowd.push_back(sendBytes(listener, requests[i % 3], i % 2 == 1));
+        const bool hangs_up = i / 4 % 2 == 1;
+        if (i % 4 < 3) {
+            crowd.push_back(sendBytes(listener, requests[i % 4], hangs_up));
+            continue;
+        }
+        halves.push_back(std::make_unique<CHalfClient>(ctx, listener));
+        EXPECT_EQ(1, halves.back()->send(1));
+        if (hangs_up) halves.back()->hangUp();
     }
     const CLogCapture log;
     const std::uint64_t start_ms = Plinth::CTime::getCurrentMilliSecond();

@@ -7,10 +7,12 @@
 #include <memory>
 #include <string>
 
+#include "Socket/MadeCertificate.h"
 #include "Support/Datagrams.h"
 #include "Support/Descriptors.h"
 #include "Support/LogCapture.h"
 #include "Support/ScarceMemory.h"
+#include "Support/ScriptedCall.h"
 #include "Support/TlsPair.h"
 
 namespace Veltro::Ravelo {
@@ -180,6 +182,23 @@ TEST(SslAcceptor, AcceptOfAClientThatFailsGivesNoStream) {
     EXPECT_EQ(1U, log.lines().size());
 }
 
+TEST(SslAcceptor, AHandshakeThatReturnsZeroCountsAsAccepted) {
+    STlsServer listener;
+    CSockStream client;
+    ASSERT_EQ(0, client.Connect(listener.address));
+    CSslStream server;
+    const CLogCapture log;
+    {
+        const TestSupport::CScriptedCall zero(TestSupport::CScriptedCall::EFunction::SSL_ACCEPT, 0);
+        EXPECT_EQ(0, listener.acceptor.Accept(server));
+        EXPECT_EQ(1, zero.count());
+    }
+    EXPECT_TRUE(server.IsValid());
+    EXPECT_NE(nullptr, sslOf(server));
+    EXPECT_NE(nullptr, TestSupport::contextOf(listener.acceptor));
+    EXPECT_TRUE(log.lines().empty());
+}
+
 TEST(SslAcceptor, AnAcceptorThatIsNotOpenAcceptsNobody) {
     CSslAcceptor acceptor;
     acceptor.SetOption(SslOptCert, SslCertOwn, ownCertificate("server"));
@@ -283,11 +302,20 @@ TEST(SslAcceptor, TextsAreCopiedOrTakenAsTheStreamDoes) {
     char list[] = "ECDHE:!MD5";
     EXPECT_EQ(0, acceptor.SetOption(SslOptCipherList, 1, list, 5));
     EXPECT_STREQ("ECDHE", recordOf(acceptor).m_cipher_list.get());
-    EXPECT_EQ(0, acceptor.SetOption(SslOptCert, SslCertOwn, new CSslX509));
-    EXPECT_EQ(0, acceptor.SetOption(SslOptCert, SslCertOwn, new CSslX509));
     EXPECT_EQ(0, acceptor.SetPemPath("some/where"));
     EXPECT_STREQ("some/where", recordOf(acceptor).m_pem_path.get());
     EXPECT_EQ(-1, acceptor.SetPemPath(nullptr));
+}
+
+TEST(SslAcceptor, ASecondCertificateTakesTheFirstOnesPlace) {
+    int destroyed = 0;
+    {
+        CSslAcceptor acceptor;
+        EXPECT_EQ(0, acceptor.SetOption(SslOptCert, SslCertOwn, makeCounted(&destroyed)));
+        EXPECT_EQ(0, acceptor.SetOption(SslOptCert, SslCertOwn, makeCounted(&destroyed), 0));
+        EXPECT_EQ(1, destroyed);
+    }
+    EXPECT_EQ(2, destroyed);
 }
 
 TEST(SslAcceptor, VerityPeerSetsTheFlags) {

@@ -5,6 +5,7 @@
 #include "Support/Datagrams.h"
 #include "Support/DtlsPeers.h"
 #include "Support/DtlsRelay.h"
+#include "Support/ScriptedCall.h"
 
 namespace Veltro::Ravelo {
 namespace {
@@ -531,6 +532,20 @@ TEST_F(SslDgramHandshake, ADestroyedObjectFreesItsPort) {
     }
     TestSupport::SReceiver next(address.GetPort());
     EXPECT_TRUE(next.socket.IsValid());
+}
+
+TEST_F(SslDgramHandshake, AClientWhoseSocketDoesNotTellItsAddressFailsWithItsLine) {
+    const CSockAddrIPv4 address("127.0.0.1", TestSupport::freeDatagramPort());
+    CSslDgram client;
+    const CLogCapture log;
+    const TestSupport::CScriptedCall refused(TestSupport::CScriptedCall::EFunction::GET_SOCK_NAME, -1);
+    EXPECT_EQ(-1, client.Connect(&address, nullptr));
+    EXPECT_EQ(1, refused.count());
+    EXPECT_EQ(1, log.count(Plinth::LOG_LEVEL_WARNING, "init_connect_ssl : getsockname fd["));
+    EXPECT_EQ(1, log.count(Plinth::LOG_LEVEL_WARNING,
+                           "], error:" + std::to_string(SocketApi::resetError()) + ", "));
+    EXPECT_EQ(1U, log.lines().size());
+    EXPECT_EQ(-1, client.GetHandle());
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include <memory>
 #include <random>
 
+#include "Socket/MadeCertificate.h"
 #include "Support/Datagrams.h"
 #include "Support/DtlsPeers.h"
+#include "Support/ScriptedCall.h"
 
 namespace Veltro::Ravelo {
 namespace {
@@ -72,10 +74,12 @@ TEST(SslDgram, TheSessionOptionTakesItsValueWhateverTheType) {
 }
 
 TEST(SslDgram, ASecondCertificateObjectTakesTheFirstOnesPlace) {
+    int destroyed = 0;
     CSslDgram dgram;
     auto* second = new CSslX509;
-    EXPECT_EQ(0, dgram.SetOption(SslOptCert, SslCertOwn, new CSslX509));
+    EXPECT_EQ(0, dgram.SetOption(SslOptCert, SslCertOwn, makeCounted(&destroyed)));
     EXPECT_EQ(0, dgram.SetOption(SslOptCert, SslCertVerifyPeer, second));
+    EXPECT_EQ(1, destroyed);
     EXPECT_EQ(second, recordOf(dgram).m_x509.get());
     EXPECT_EQ(0, dgram.SetOption(SslOptCert, SslCertOwn, second));
     EXPECT_EQ(second, recordOf(dgram).m_x509.get());
@@ -253,6 +257,27 @@ TEST(SslDgram, SendAndRecvWithoutAConnectionFail) {
     EXPECT_EQ(-1, dgram.Recv(&byte, 1));
     EXPECT_EQ(1, log.count(Plinth::LOG_LEVEL_WARNING, "Recv : ssl peek error! fd[-1], buf:"));
     EXPECT_EQ(2U, log.lines().size());
+}
+
+TEST(SslDgram, AReadThatFailsAfterItsPeekIsLoggedWithItsOwnTexts) {
+    SDtlsPair pair;
+    sendText(pair.client, "hello");
+    ASSERT_TRUE(TestSupport::waitReadable(pair.server.dgram));
+    char bytes[10];
+    const CLogCapture log;
+    {
+        using TestSupport::CScriptedCall;
+        const CScriptedCall failing(CScriptedCall::EFunction::SSL_READ, -1);
+        EXPECT_EQ(-1, pair.server.dgram.Recv(bytes, sizeof(bytes)));
+        EXPECT_EQ(1, failing.count());
+    }
+    const std::string head = "Recv : ssl recv error! fd[" + std::to_string(pair.server.dgram.GetHandle()) +
+                             "], buf:" + pointerText(bytes) + ", len:10, error:0, ";
+    EXPECT_EQ(2, log.count(Plinth::LOG_LEVEL_WARNING, head));
+    EXPECT_EQ(1, log.count(Plinth::LOG_LEVEL_WARNING, ", SSL:1\n"));
+    EXPECT_EQ(1, log.count(Plinth::LOG_LEVEL_WARNING, ", SSL:error:0A0C0103:"));
+    EXPECT_EQ(2U, log.lines().size());
+    EXPECT_EQ("hello", receiveRecord(pair.server.dgram)) << "nothing was taken";
 }
 
 /// A connected client that a test can destroy.

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <Ravelo/SockAddrStorage.h>
 #include "Socket/SslX509Record.h"
@@ -13,6 +14,7 @@
 #include "Support/LogCapture.h"
 #include "Support/ProcessSettings.h"
 #include "Support/RawTls.h"
+#include "Support/ScriptedCall.h"
 #include "Support/TlsPair.h"
 
 namespace Veltro::Ravelo {
@@ -530,15 +532,34 @@ TEST(SslStreamConnect, ARejectedListIsLoggedAndTheDefaultOneCounts) {
     EXPECT_EQ(TLS1_2_VERSION, SSL_version(sslOf(client)));
 }
 
+std::vector<std::string> cipherNames(SSL* ssl) {
+    std::vector<std::string> names;
+    const STACK_OF(SSL_CIPHER)* ciphers = SSL_get_ciphers(ssl);
+    for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i)
+        names.emplace_back(SSL_CIPHER_get_name(sk_SSL_CIPHER_value(ciphers, i)));
+    return names;
+}
+
+TEST(SslStreamConnect, BothEndsHaveTheDefaultList) {
+    const TSslConnection expected(SSL_new(TestSupport::rawClientContext().get()));
+    ASSERT_EQ(1,
+              SSL_set_cipher_list(expected.get(), "ALL:!EXPORT:!LOW:!aNULL:!eNULL:!SSLv2:!DES:!RC4:!3DES"));
+    STlsServer listener;
+    CSslStream server;
+    CSslStream client;
+    ASSERT_TRUE(listener.serve(server, client));
+    EXPECT_EQ(cipherNames(expected.get()), cipherNames(sslOf(client)));
+    EXPECT_EQ(cipherNames(expected.get()), cipherNames(sslOf(server)));
+}
+
 TEST(SslStreamConnect, TheDefaultCiphersHoldNoneThatIsWeak) {
     STlsServer listener;
     CSslStream server;
     CSslStream client;
     ASSERT_TRUE(listener.serve(server, client));
-    const STACK_OF(SSL_CIPHER)* ciphers = SSL_get_ciphers(sslOf(client));
-    ASSERT_GT(sk_SSL_CIPHER_num(ciphers), 10);
-    for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i) {
-        const std::string name = SSL_CIPHER_get_name(sk_SSL_CIPHER_value(ciphers, i));
+    const std::vector<std::string> names = cipherNames(sslOf(client));
+    ASSERT_GT(names.size(), 10U);
+    for (const std::string& name : names) {
         EXPECT_EQ(std::string::npos, name.find("RC4")) << name;
         EXPECT_EQ(std::string::npos, name.find("DES-")) << name;
         EXPECT_EQ(std::string::npos, name.find("NULL")) << name;
@@ -558,6 +579,26 @@ TEST(SslStreamConnect, TimeOutsThatCannotBeSetAreLogged) {
                                             "], send_t[5000], recv_t[5000], errno:"));
     EXPECT_EQ(1, log.count(LEVEL_ERROR, "], send_t[0], recv_t[0], errno:"));
     stream.Detach();
+}
+
+TEST(SslStreamConnect, ASendTimeOutThatCannotBeSetIsLogged) {
+    STlsServer listener;
+    CSslStream server;
+    CSslStream client;
+    const CLogCapture log;
+    CRunner runner([&] { EXPECT_EQ(0, listener.acceptor.Accept(server)); });
+    {
+        using TestSupport::CScriptedCall;
+        const CScriptedCall refused(CScriptedCall::EFunction::SET_SEND_TIMEOUT, -1);
+        EXPECT_EQ(0, client.Connect(listener.address));
+        EXPECT_EQ(2, refused.count());
+    }
+    runner.join();
+    EXPECT_EQ(2, log.count(LEVEL_ERROR, "set_sock_timeout :Set SO_SNDTIMEO failed! fd[" +
+                                            std::to_string(client.GetHandle()) + "], send_t["));
+    const std::string error = "errno:" + std::to_string(SocketApi::resetError()) + ",";
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], send_t[5000], recv_t[5000], " + error));
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "], send_t[0], recv_t[0], " + error));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "Socket/MadeCertificate.h"
 #include "Support/LogCapture.h"
 #include "Support/ScarceMemory.h"
 #include "Support/TlsPair.h"
@@ -114,13 +115,25 @@ TEST(SslStreamOption, ACertificateBecomesTheStreams) {
 }
 
 TEST(SslStreamOption, ASecondCertificateTakesTheFirstOnesPlace) {
+    int destroyed = 0;
     CSslStream stream;
-    stream.SetOption(SslOptCert, SslCertOwn, new CSslX509);
-    auto* second = new CSslX509;
+    stream.SetOption(SslOptCert, SslCertOwn, makeCounted(&destroyed));
+    auto* second = makeCounted(&destroyed);
     EXPECT_EQ(0, stream.SetOption(SslOptCert, 0, second));
+    EXPECT_EQ(1, destroyed);
     EXPECT_EQ(second, recordOf(stream).m_x509.get());
     EXPECT_EQ(0, stream.SetOption(SslOptCert, SslCertOwn, nullptr, 0));
+    EXPECT_EQ(2, destroyed);
     EXPECT_EQ(nullptr, recordOf(stream).m_x509);
+}
+
+TEST(SslStreamOption, TheCertificateGoesWithTheStream) {
+    int destroyed = 0;
+    {
+        CSslStream stream;
+        stream.SetOption(SslOptCert, SslCertOwn, makeCounted(&destroyed));
+    }
+    EXPECT_EQ(1, destroyed);
 }
 
 TEST(SslStreamOption, ACertificateMayBeGivenAnotherUse) {

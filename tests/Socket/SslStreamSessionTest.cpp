@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Socket/SessionCacheRecord.h"
 #include "Support/LogCapture.h"
 #include "Support/RawTls.h"
 #include "Support/TlsPair.h"
@@ -310,6 +311,22 @@ TEST(SslStreamSessionTls12, ARenewedTicketTakesItsForerunnersPlace) {
     }
     EXPECT_NE(kept[0].get(), kept[1].get());
     EXPECT_NE(kept[1].get(), kept[2].get());
+}
+
+// Each test runs in a process of its own, so nobody has drawn a number here.
+TEST(SslStreamSessionNumber, TheFirstOneDrawnIsOne) {
+    SSessionCacheRecord& cache = *SSessionCacheRecord::of(CSslStream::s_session_cache_ticket);
+    {
+        const Plinth::CLockGuard guard(cache.mutex);
+        if (cache.m_next_number != 1) GTEST_SKIP() << "another test of this process has drawn numbers";
+    }
+    SResumingServer listener;
+    std::uint32_t number = 0;
+    EXPECT_FALSE(listener.converse(SslSessionByNumber, &number));
+    EXPECT_EQ(1U, number);
+    EXPECT_TRUE(has(CSslStream::s_session_cache_ticket, "#1"));
+    EXPECT_TRUE(listener.converse(SslSessionByNumber, &number));
+    EXPECT_EQ(1U, number);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "Support/LogCapture.h"
 #include "Support/ProcessSettings.h"
 #include "Support/RawTls.h"
+#include "Support/ScriptedCall.h"
 #include "Support/TlsPair.h"
 
 namespace Veltro::Ravelo {
@@ -399,6 +400,26 @@ TEST(SslStream, AResetIsAFailureWithTheSocketsError) {
     EXPECT_EQ(SocketApi::resetError(), SocketApi::lastError());
     // OpenSSL's verdict differs: where the system reports an end first, it is the alert that meets the reset.
     EXPECT_GE(log.count(LEVEL_WARNING, "errno:" + std::to_string(SocketApi::resetError()) + ","), 2);
+}
+
+TEST(SslStream, AReadThatFailsAfterItsPeekIsLoggedWithItsOwnTexts) {
+    STlsPair pair;
+    sendText(pair.client, "hello");
+    ASSERT_TRUE(waitReadable(pair.server));
+    const CLogCapture log;
+    char text[10];
+    {
+        using TestSupport::CScriptedCall;
+        const CScriptedCall failing(CScriptedCall::EFunction::SSL_READ, -1);
+        EXPECT_EQ(-1, pair.server.Recv(text, sizeof(text)));
+        EXPECT_EQ(1, failing.count());
+    }
+    const std::string head = "SSL_read error! fd:" + handleText(pair.server) + ", len:10, ";
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "SSL_get_error:1, errno:0,"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "ERR_error_string:error:0A0C0103:"));
+    EXPECT_EQ(1, log.count(LEVEL_WARNING, head + "ERR_get_error:0, errno:0,"));
+    EXPECT_EQ(3U, log.lines().size());
+    EXPECT_EQ("hello", receive(pair.server, 5)) << "nothing was taken";
 }
 
 TEST(SslStream, SendToAPeerThatIsGoneFailsWithoutASignal) {

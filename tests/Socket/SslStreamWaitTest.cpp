@@ -7,6 +7,7 @@
 
 #include "Support/LogCapture.h"
 #include "Support/ProcessSettings.h"
+#include "Support/ScriptedCall.h"
 #include "Support/TlsPair.h"
 
 namespace Veltro::Ravelo {
@@ -14,6 +15,7 @@ namespace {
 
 using TestSupport::CLogCapture;
 using TestSupport::CRunner;
+using TestSupport::CScriptedCall;
 using TestSupport::receive;
 using TestSupport::sendText;
 using TestSupport::STlsPair;
@@ -109,7 +111,16 @@ TEST(SslStreamWait, RecvNWithoutTimeReceivesNothing) {
     ASSERT_TRUE(TestSupport::waitReadable(pair.server));
     char text[10];
     EXPECT_EQ(0, pair.server.Recv_n(text, sizeof(text), 0));
+    EXPECT_EQ(0, SSL_has_pending(TestSupport::sslOf(pair.server))) << "nothing was read";
     EXPECT_EQ("here", receive(pair.server, 4));
+}
+
+TEST(SslStreamWait, RecvNWithoutTimeAsksNoSocket) {
+    CSslStream stream;
+    const CLogCapture log;
+    char text[10];
+    EXPECT_EQ(0, stream.Recv_n(text, sizeof(text), 0));
+    EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(SslStreamWait, RecvNWaitsForDataAndReceivesOnce) {
@@ -221,6 +232,41 @@ TEST(SslStreamWait, AnInterruptedWaitGoesOn) {
     char text[10];
     EXPECT_EQ(4, pair.server.Recv_n(text, sizeof(text), 20 * SECOND_US));
     EXPECT_GE(TestSupport::interruptionCount(), 1);
+}
+
+TEST(SslStreamWait, SendNWhoseWaitFailsFailsWithItsLine) {
+    STlsPair pair;
+    const std::string text(32 * 1024 * 1024, 's');
+    const CLogCapture log;
+    const CScriptedCall failing(CScriptedCall::EFunction::WAIT_ONE, -1);
+    EXPECT_EQ(-1, pair.client.Send_n(text.data(), static_cast<unsigned>(text.size()), SECOND_US));
+    EXPECT_EQ(1, failing.count());
+    EXPECT_EQ(1, log.count(LEVEL_ERROR,
+                           "Send_n : Send_n select failed, fd:" + std::to_string(pair.client.GetHandle()) +
+                               ", errno:" + std::to_string(SocketApi::resetError()) + ","));
+    EXPECT_EQ(1U, log.lines().size());
+}
+
+TEST(SslStreamWait, SendNOfASocketThatIsNotReadyFails) {
+    STlsPair pair;
+    const std::string text(32 * 1024 * 1024, 's');
+    const CLogCapture log;
+    const CScriptedCall not_ready(CScriptedCall::EFunction::WAIT_ONE, 1);
+    EXPECT_EQ(-1, pair.client.Send_n(text.data(), static_cast<unsigned>(text.size()), SECOND_US));
+    EXPECT_EQ(1, not_ready.count());
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(SslStreamWait, RecvNOfASocketThatIsNotReadyFailsWithItsLine) {
+    STlsPair pair;
+    char text[10];
+    const CLogCapture log;
+    const CScriptedCall not_ready(CScriptedCall::EFunction::WAIT_ONE, 1);
+    EXPECT_EQ(-1, pair.server.Recv_n(text, sizeof(text), SECOND_US));
+    EXPECT_EQ(1, not_ready.count());
+    EXPECT_EQ(1, log.count(LEVEL_ERROR, "Recv_n : Recv_n error, fd not set! fd:" +
+                                            std::to_string(pair.server.GetHandle()) + ", "));
+    EXPECT_EQ(1U, log.lines().size());
 }
 
 }  // namespace
