@@ -34,8 +34,13 @@ inline std::uint64_t tagOf(const SEvent& record) {
     return generation << ADDRESS_BITS | reinterpret_cast<std::uintptr_t>(&record);
 }
 
+/// The address of a tag's record; of WAKE_TAG none that is one.
+inline std::uintptr_t addressOf(std::uint64_t tag) {
+    return tag & ((std::uint64_t{1} << ADDRESS_BITS) - 1);
+}
+
 inline SEvent& recordOf(std::uint64_t tag) {
-    return *reinterpret_cast<SEvent*>(tag & ((std::uint64_t{1} << ADDRESS_BITS) - 1));
+    return *reinterpret_cast<SEvent*>(addressOf(tag));
 }
 
 inline std::uint32_t epollEvents(unsigned interest) {
