@@ -31,7 +31,9 @@ public:
     void prefetch() const {
         __builtin_prefetch(m_record, 1);
         __builtin_prefetch(m_handler);
-        __builtin_prefetch(reinterpret_cast<const char*>(m_handler) + CACHE_LINE);
+        // A number, since nothing may be added to a null pointer.
+        __builtin_prefetch(
+            reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(m_handler) + CACHE_LINE));
     }
 
     /// The handler with a reference taken; null once it has left its pool's table. Instead of a lookup by id:
