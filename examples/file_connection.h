@@ -57,12 +57,9 @@ private:
             ignore_input();
         }
         while (!is_closed() && m_state == EState::READING && !take_request()) {
-            unsigned room = 0;
-            char* place = m_requests.Room(&room);
-            const int received = m_stream.Recv(place, room);
+            const int received = m_requests.Receive(m_stream);
             if (received < 0) return hang_up();
             if (received == 0) return;
-            m_requests.Take(static_cast<unsigned>(received));
         }
         char rest[4096];  // to throw away
         if (!is_closed() && m_state == EState::LINGERING && m_stream.Recv(rest, sizeof rest) < 0) hang_up();

@@ -22,13 +22,14 @@ struct SFileRequest {
 /// by one thread at a time.
 class CFileRequests {
 public:
-    /// Where to put what comes in, and how much; never nothing while Next() says INCOMPLETE.
-    char* Room(unsigned* bytes) {
-        *bytes = static_cast<unsigned>(sizeof m_input - m_filled);
-        return m_input + m_filled;
+    /// Reads once of a stream; there is room while Next() says INCOMPLETE. @return as the stream's Recv().
+    template <typename Stream>
+    int Receive(Stream& stream) {
+        const int received =
+            stream.Recv(m_input + m_filled, static_cast<unsigned>(sizeof m_input - m_filled));
+        if (received > 0) m_filled += static_cast<unsigned>(received);
+        return received;
     }
-    /// Takes what was put there.
-    void Take(unsigned bytes) { m_filled += bytes; }
     /// Whether something has come in that Next() has not read.
     bool HasBytes() const { return m_filled > 0; }
     /// Reads the next request.

@@ -46,12 +46,9 @@ private:
 
     void receive() override PLINTH_REQUIRES(m_mutex) {
         while (!m_is_asked) {
-            unsigned room = 0;
-            char* place = m_requests.Room(&room);
-            const int received = m_stream.Recv(place, room);
+            const int received = m_requests.Receive(m_stream);
             if (received < 0) return hang_up();
             if (received == 0) return;
-            m_requests.Take(static_cast<unsigned>(received));
             take_request();
         }
     }
