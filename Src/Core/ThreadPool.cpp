@@ -8,7 +8,6 @@
 #include <string>
 
 #include "Core/CurrentObject.h"
-#include "Core/EventPool.h"
 #include "Core/Message.h"
 #include "Core/NetHandlerRecord.h"
 #include "Core/NetSock.h"
@@ -74,7 +73,6 @@ CThreadPool::~CThreadPool() {
     free_queued();
     // The table frees its records but for descriptor 0.
     if (SKeyedEntry* standard_input = m_sockets.erase(0)) CNetSock::freeRecord(standard_input);
-    CEventPool::put(m_reactor_token);
 }
 
 bool CThreadPool::start() {
@@ -92,7 +90,7 @@ bool CThreadPool::start_threads() {
     if (!m_daemon->createThread()) return false;
 
     // Without a multiplexer nobody can wait for sockets; messages and timers still run.
-    if (m_multiplexer_works) m_queue.push(m_reactor_token);
+    if (m_multiplexer_works) m_queue.push(m_reactor_token.get());
     m_queue.push(getRecord(EVENT_KEY_SERIAL_TOKEN));
 
     const std::string name = poolName(m_number);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Core/BTree.h"
+#include "Core/EventPool.h"
 #include "Core/EventQueue.h"
 #include "Core/IdPool.h"
 #include "Core/Select.h"
@@ -108,7 +109,10 @@ private:
     unsigned m_thread_count;
     const SThreadSettings m_settings;
     const std::uint64_t m_birth;
-    SEvent* const m_reactor_token;
+    struct SPutBack {
+        void operator()(SEvent* record) const { CEventPool::put(record); }
+    };
+    const std::unique_ptr<SEvent, SPutBack> m_reactor_token;
     std::unique_ptr<Plinth::CThreadLite> m_daemon;
     std::atomic<std::int64_t> m_loop_counter{0};
     std::atomic<std::int64_t> m_last_wait_us{0};
