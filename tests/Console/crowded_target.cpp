@@ -5,6 +5,7 @@
 //     crowded_target PATH
 #include <Plinth/Console.h>
 #include <Plinth/Log.h>
+#include <Plinth/Semaphore.h>
 #include <Ravelo/Ravelo.h>
 
 #include <cstdio>
@@ -58,6 +59,17 @@ public:
     /// The shared socket is always writable; it is the connections that take nothing.
     int handle_output(int) override { return UnregisterSock(socket, EventMask::Write), -1; }
     int handle_close(CNetHandler*) override { return delete this, 0; }
+};
+
+/// Its message waits behind the ends of all handlers that were closed before it.
+struct CFence : CNetHandler {
+    Plinth::CSemaphore& passed;
+    explicit CFence(Plinth::CSemaphore& semaphore) : passed(semaphore) { Notify(GetID(), 1, 0); }
+    int handle_message(long, unsigned int, long) override { return Close(), 0; }
+    int handle_close(CNetHandler*) override {
+        passed.post();
+        return delete this, 0;
+    }
 };
 
 /// A connection of its own speed, which shares the one socket with all others.
@@ -116,5 +128,8 @@ int main(int argc, char** argv) {
     }
     drain->Stop();
     source->Close();
+    Plinth::CSemaphore passed;
+    new CFence(passed);
+    passed.pend();
     return CNetThread::DestroyThreadPool() == 0 ? 0 : 1;
 }
