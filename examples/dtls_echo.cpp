@@ -8,8 +8,9 @@
 // certificate  the own one, with its key and the one that stands between it and its authority; PEM files
 // authority    a file with the certificates that the peer's must lead to
 //
-// The server serves one client after the other until somebody ends it. The client connects twice, the second
-// time resuming the session of the first.
+// The server serves one client after the other until somebody ends it, and says each time that it listens; who
+// comes before finds the port closed. The client connects twice, the second time resuming the session of the
+// first.
 #include <Plinth/Plinth.h>
 #include <Ravelo/Ravelo.h>
 
@@ -57,13 +58,13 @@ int serve(unsigned short port, const char* const own[3], const char* authority) 
     // A server that resumes by tickets needs keys to seal them with; creating a thread pool makes them, too.
     CSslDgram::Init();
     CSockAddrIPv4 address("127.0.0.1", port);
-    for (bool is_first = true;; is_first = false) {
+    for (;;) {
         CSslDgram dgram;
         int number = 0;
         if (!set_certificates(dgram, own, authority) || dgram.Open(&address, true) != 0) return EXIT_FAILURE;
         dgram.SetOption(SslOptSession, SslSessionId | SslSessionTicket, &number);
         dgram.GetLocalAddr(&address);
-        if (is_first) std::printf("listening on 127.0.0.1:%u\n", address.GetPort());
+        std::printf("listening on 127.0.0.1:%u\n", address.GetPort());
         std::fflush(stdout);
         if (dgram.AcceptX(nullptr) != 0) continue;  // the log says why
         CSockAddrIPv4 client;

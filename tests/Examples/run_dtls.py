@@ -65,16 +65,18 @@ def own(options, name):
     return [certificate(options, part) for part in (name, name + "_key", "intermediate_1")]
 
 
-@contextlib.contextmanager
 def our_server(options, *authority, name="server"):
-    with Running(example(options, "server", 0, *own(options, name), *authority)) as server:
-        server.port = int(server.hear("listening on 127.0.0.1:").rsplit(":", 1)[1])
-        yield server
+    return Running(example(options, "server", 0, *own(options, name), *authority))
 
 
-def their_client(options, port, *arguments):
+def port_of(server):
+    """Waits until our server listens: between two clients it has no socket."""
+    return server.hear("listening on 127.0.0.1:").rsplit(":", 1)[1]
+
+
+def their_client(options, server, *arguments):
     # Without -brief it says whether it has resumed.
-    return Running([options.openssl, "s_client", "-dtls1_2", "-connect", f"127.0.0.1:{port}", "-CAfile",
+    return Running([options.openssl, "s_client", "-dtls1_2", "-connect", f"127.0.0.1:{port_of(server)}", "-CAfile",
                     certificate(options, "root_ca"), "-verify_return_error", *arguments])
 
 
@@ -105,8 +107,8 @@ def our_client(options, port, text, *certificates):
     return Running(example(options, "client", port, certificate(options, "root_ca"), text, *certificates))
 
 
-def echo_with(options, port, expected, *arguments):
-    with their_client(options, port, *arguments) as client:
+def echo_with(options, server, expected, *arguments):
+    with their_client(options, server, *arguments) as client:
         client.hear(expected + ", TLSv1.2")
         client.say("hello from openssl")
         client.hear("hello from openssl")
@@ -114,34 +116,34 @@ def echo_with(options, port, expected, *arguments):
 
 def ClientOfOpensslGetsItsLineBack(options):
     with our_server(options) as server:
-        echo_with(options, server.port, "New")
+        echo_with(options, server, "New")
         server.hear("client of port")
 
 
 def ClientOfOpensslShowsItsCertificate(options):
     with our_server(options, certificate(options, "root_ca")) as server:
-        echo_with(options, server.port, "New", *shown(options, "client"))
+        echo_with(options, server, "New", *shown(options, "client"))
 
 
 def ClientOfOpensslWithoutACertificateIsRefused(options):
     with our_server(options, certificate(options, "root_ca")) as server:
-        with their_client(options, server.port):
+        with their_client(options, server):
             server.hear("peer did not return a certificate")
 
 
 def ClientsOfOpensslWithTheWrongCertificatesAreRefused(options):
     with our_server(options, certificate(options, "root_ca")) as server:
         for name in ("expired", "other_server"):
-            with their_client(options, server.port, *shown(options, name)):
+            with their_client(options, server, *shown(options, name)):
                 server.hear("certificate verify failed")
         # Who comes next is served.
-        echo_with(options, server.port, "New", *shown(options, "client"))
+        echo_with(options, server, "New", *shown(options, "client"))
 
 
 def ClientOfOpensslRefusesTheWrongServers(options):
     for name, authority in (("server", "other_ca"), ("expired", "root_ca")):
         with our_server(options, name=name) as server:
-            with their_client(options, server.port, "-CAfile", certificate(options, authority)) as client:
+            with their_client(options, server, "-CAfile", certificate(options, authority)) as client:
                 client.hear("verify error")
                 assert client.process.wait(PATIENCE) == 1
 
@@ -150,7 +152,7 @@ def resume(options, *arguments):
     with our_server(options) as server, tempfile.TemporaryDirectory() as folder:
         session = os.path.join(folder, "session")
         for expected, option in (("New", "-sess_out"), ("Reused", "-sess_in"), ("Reused", "-sess_in")):
-            with their_client(options, server.port, option, session, *arguments) as client:
+            with their_client(options, server, option, session, *arguments) as client:
                 client.hear(expected + ", TLSv1.2")
                 client.say("hello")
                 client.hear("hello")
@@ -209,7 +211,7 @@ def ServerOfOpensslThatNobodyKnowsIsRefused(options):
 
 def OursTalkToEachOther(options):
     with our_server(options, certificate(options, "root_ca")) as server:
-        with our_client(options, server.port, "hello", *own(options, "client")) as client:
+        with our_client(options, port_of(server), "hello", *own(options, "client")) as client:
             client.hear("hello")
             client.hear("hello")
             assert client.process.wait(PATIENCE) == 0
