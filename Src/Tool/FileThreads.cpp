@@ -53,7 +53,7 @@ private:
     void threadProc();
     bool serve(CCurrentObject* current);
     STaken take();
-    void finish(CFileJobs& file);
+    bool finish(CFileJobs& file);
     void list(CFileJobs& file) PLINTH_REQUIRES(m_mutex);
 
     Plinth::CMutex m_mutex;          // guards the lists, and the jobs of every file
@@ -121,17 +121,17 @@ void CFileThreads::threadProc() {
     CTsMemory::DestroyThreadMemPool();
 }
 
-/// Does one job; false when there was none.
+/// Does one job, and then another for each that it left behind; false when there was none.
 bool CFileThreads::serve(CCurrentObject* current) {
-    const STaken taken = take();
-    if (taken.message) {
-        CMessage::dispatchIo(*current);
-        return true;
+    STaken taken = take();
+    const bool found = taken.message || taken.file != nullptr;
+    while (taken.file != nullptr) {
+        taken.file->m_calls.run(*taken.file, taken.job->type, taken.argument);
+        if (!finish(*taken.file)) break;
+        taken = take();
     }
-    if (taken.file == nullptr) return false;
-    taken.file->m_calls.run(*taken.file, taken.job->type, taken.argument);
-    finish(*taken.file);
-    return true;
+    if (taken.message) CMessage::dispatchIo(*current);
+    return found;
 }
 
 CFileThreads::STaken CFileThreads::take() {
@@ -154,22 +154,21 @@ CFileThreads::STaken CFileThreads::take() {
     return taken;
 }
 
-void CFileThreads::finish(CFileJobs& file) {
-    bool has_more = false;
+/// Puts a file that has more jobs at the end of the list. Whether it has: the calling thread takes the next of
+/// the list then, so that nobody need be woken.
+bool CFileThreads::finish(CFileJobs& file) {
     {
         Plinth::CLockGuard guard(m_mutex);
-        has_more = file.m_head != nullptr;
-        file.m_listed = has_more;
-        if (has_more) list(file);
+        file.m_listed = file.m_head != nullptr;
+        if (file.m_listed) {
+            list(file);
+            return true;
+        }
     }
-    if (has_more) {
-        m_semaphore.post();
-    } else {
-        file.m_calls.release(file);
-    }
+    file.m_calls.release(file);
+    return false;
 }
 
-/// Every caller posts the semaphore once it has given the lock back, which a thread that wakes needs at once.
 void CFileThreads::list(CFileJobs& file) {
     file.m_next = nullptr;
     if (m_tail == nullptr) {

@@ -14,7 +14,7 @@ using namespace Bench;
 using namespace Veltro::Ravelo;
 
 /// So much a callback moves at most before it lets others go first.
-constexpr std::size_t SHARE = 4 * PIECE;
+constexpr std::size_t SHARE = 2 * PIECE;
 constexpr unsigned GO_ON = 100;
 
 class CDriver : public CNetHandler {
