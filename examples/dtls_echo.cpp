@@ -8,9 +8,9 @@
 // certificate  the own one, with its key and the one that stands between it and its authority; PEM files
 // authority    a file with the certificates that the peer's must lead to
 //
-// The server serves one client after the other until somebody ends it, and says each time that it listens; who
-// comes before finds the port closed. The client connects twice, the second time resuming the session of the
-// first.
+// The server serves one client after the other until somebody ends it, and says each time that it listens;
+// who comes before finds the port closed. The client connects twice, the second time resuming the session of
+// the first.
 #include <Plinth/Plinth.h>
 #include <Ravelo/Ravelo.h>
 

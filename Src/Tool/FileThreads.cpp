@@ -154,8 +154,8 @@ CFileThreads::STaken CFileThreads::take() {
     return taken;
 }
 
-/// Puts a file that has more jobs at the end of the list. Whether it has: the calling thread takes the next of
-/// the list then, so that nobody need be woken.
+/// Puts a file that has more jobs at the end of the list. Whether it has: the calling thread takes the next
+/// of the list then, so that nobody need be woken.
 bool CFileThreads::finish(CFileJobs& file) {
     {
         Plinth::CLockGuard guard(m_mutex);
