@@ -24,7 +24,7 @@ class CQuickDtls {
 public:
     /// @param most_us the longest wait; the first one is at most 50 ms.
     /// @param silence_us how long a known peer may be silent while nobody repeats anything.
-    explicit CQuickDtls(unsigned most_us = 200'000, std::int64_t silence_us = 1'000'000) {
+    explicit CQuickDtls(unsigned most_us = 200'000, std::int64_t silence_us = 3'000'000) {
         s_most_us = most_us;
         Ravelo::setDtlsTimer(next, silence_us);
     }
