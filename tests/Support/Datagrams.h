@@ -6,6 +6,8 @@
 #include <Ravelo/SockDgram.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -65,7 +67,17 @@ inline int readOption(const Ravelo::CSock& socket, int level, int name) {
 
 /// A port that no datagram socket was bound to a moment ago.
 inline unsigned short freeDatagramPort() {
-    return SReceiver().address.GetPort();
+    // Below the ports that the system chooses from, or another program's socket gets it before ours does.
+    constexpr unsigned FIRST = 10'000;
+    constexpr unsigned COUNT = 20'000;
+    static std::atomic<unsigned> s_next{std::random_device{}()};
+    for (unsigned tries = 0; tries < COUNT; ++tries) {
+        const Ravelo::CSockAddrIPv4 address("127.0.0.1",
+                                            static_cast<unsigned short>(FIRST + s_next++ % COUNT));
+        Ravelo::CSockDgram socket;
+        if (socket.Open(&address) == 0) return address.GetPort();
+    }
+    return 0;
 }
 
 inline const char* const GROUP4 = "239.255.77.1";
