@@ -65,7 +65,7 @@ inline int readOption(const Ravelo::CSock& socket, int level, int name) {
     return Ravelo::SocketApi::getOption(socket.GetHandle(), level, name, &value) == 0 ? value : -1;
 }
 
-/// A port that no datagram socket was bound to a moment ago.
+/// A port that no datagram socket was bound to a moment ago; 0 if there is none.
 inline unsigned short freeDatagramPort() {
     // Below the ports that the system chooses from, or another program's socket gets it before ours does.
     constexpr unsigned FIRST = 10'000;
